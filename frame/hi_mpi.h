@@ -1,0 +1,95 @@
+// The media platform's calls that the library makes directly (video input,
+// video decoder, video processing). Plain C functions returning 0 for
+// success and an error code otherwise; on the board they come from the
+// vendor's libraries, on the virtual board from the simulated platform.
+#pragma once
+
+#include "frame/hi_types.h"
+
+// Error codes: 0xA0000000 | module << 16 | level << 13 | number.
+#define OT_ERR_LEVEL_ERROR 4
+#define OT_DEFINE_ERR(mod, num) \
+    ((td_s32)(0xA0000000u | ((uint32_t)(mod) << 16) | (OT_ERR_LEVEL_ERROR << 13) | (num)))
+
+enum {
+    OT_ERR_INVALID_DEV_ID = 1,
+    OT_ERR_INVALID_CHN_ID = 2,
+    OT_ERR_ILLEGAL_PARAM = 3,
+    OT_ERR_EXIST = 4,
+    OT_ERR_UNEXIST = 5,
+    OT_ERR_NULL_PTR = 6,
+    OT_ERR_NOT_CONFIG = 7,
+    OT_ERR_NOT_SUPPORT = 8,
+    OT_ERR_NOT_PERM = 9,
+    OT_ERR_NO_MEM = 12,
+    OT_ERR_BUF_EMPTY = 14,
+    OT_ERR_BUF_FULL = 15,
+    OT_ERR_NOT_READY = 16,
+    OT_ERR_BUSY = 18,
+};
+
+#define OT_ERR_VI_INVALID_DEV_ID OT_DEFINE_ERR(OT_ID_VI, OT_ERR_INVALID_DEV_ID)
+#define OT_ERR_VI_INVALID_CHN_ID OT_DEFINE_ERR(OT_ID_VI, OT_ERR_INVALID_CHN_ID)
+#define OT_ERR_VI_ILLEGAL_PARAM OT_DEFINE_ERR(OT_ID_VI, OT_ERR_ILLEGAL_PARAM)
+#define OT_ERR_VI_NULL_PTR OT_DEFINE_ERR(OT_ID_VI, OT_ERR_NULL_PTR)
+#define OT_ERR_VI_NOT_CONFIG OT_DEFINE_ERR(OT_ID_VI, OT_ERR_NOT_CONFIG)
+#define OT_ERR_VI_NOT_PERM OT_DEFINE_ERR(OT_ID_VI, OT_ERR_NOT_PERM)
+#define OT_ERR_VI_BUSY OT_DEFINE_ERR(OT_ID_VI, OT_ERR_BUSY)
+
+#define OT_ERR_VDEC_INVALID_CHN_ID OT_DEFINE_ERR(OT_ID_VDEC, OT_ERR_INVALID_CHN_ID)
+#define OT_ERR_VDEC_ILLEGAL_PARAM OT_DEFINE_ERR(OT_ID_VDEC, OT_ERR_ILLEGAL_PARAM)
+#define OT_ERR_VDEC_EXIST OT_DEFINE_ERR(OT_ID_VDEC, OT_ERR_EXIST)
+#define OT_ERR_VDEC_UNEXIST OT_DEFINE_ERR(OT_ID_VDEC, OT_ERR_UNEXIST)
+#define OT_ERR_VDEC_NULL_PTR OT_DEFINE_ERR(OT_ID_VDEC, OT_ERR_NULL_PTR)
+#define OT_ERR_VDEC_NOT_SUPPORT OT_DEFINE_ERR(OT_ID_VDEC, OT_ERR_NOT_SUPPORT)
+#define OT_ERR_VDEC_NOT_PERM OT_DEFINE_ERR(OT_ID_VDEC, OT_ERR_NOT_PERM)
+#define OT_ERR_VDEC_NO_MEM OT_DEFINE_ERR(OT_ID_VDEC, OT_ERR_NO_MEM)
+#define OT_ERR_VDEC_BUF_EMPTY OT_DEFINE_ERR(OT_ID_VDEC, OT_ERR_BUF_EMPTY)
+#define OT_ERR_VDEC_BUF_FULL OT_DEFINE_ERR(OT_ID_VDEC, OT_ERR_BUF_FULL)
+
+#define OT_ERR_VPSS_INVALID_GRP_ID OT_DEFINE_ERR(OT_ID_VPSS, OT_ERR_INVALID_DEV_ID)
+#define OT_ERR_VPSS_ILLEGAL_PARAM OT_DEFINE_ERR(OT_ID_VPSS, OT_ERR_ILLEGAL_PARAM)
+#define OT_ERR_VPSS_NULL_PTR OT_DEFINE_ERR(OT_ID_VPSS, OT_ERR_NULL_PTR)
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// ---- video input ----------------------------------------------------------
+// A device must be configured before it is enabled and disabled before it is
+// configured again; the same holds for a channel, whose device must be
+// enabled first. The user picture is one for the whole unit; each channel
+// switches it on for itself.
+td_s32 hi_mpi_vi_set_dev_attr(ot_vi_dev dev, const ot_vi_dev_attr* dev_attr);
+td_s32 hi_mpi_vi_enable_dev(ot_vi_dev dev);
+td_s32 hi_mpi_vi_disable_dev(ot_vi_dev dev);
+td_s32 hi_mpi_vi_set_chn_attr(ot_vi_chn chn, const ot_vi_chn_attr* chn_attr);
+td_s32 hi_mpi_vi_enable_chn(ot_vi_chn chn);
+td_s32 hi_mpi_vi_disable_chn(ot_vi_chn chn);
+td_s32 hi_mpi_vi_set_rotation(ot_vi_chn chn, ot_rotation rotation);
+td_s32 hi_mpi_vi_set_user_pic(ot_vi_chn chn, const ot_vi_user_pic_attr* user_pic);
+td_s32 hi_mpi_vi_enable_user_pic(ot_vi_chn chn);
+td_s32 hi_mpi_vi_disable_user_pic(ot_vi_chn chn);
+
+// ---- video decoder ----------------------------------------------------------
+// Channels 0 to OT_VDEC_MAX_CHN_NUM - 1. get_chn_attr fails on a channel
+// nobody created, which is how a free one is found.
+td_s32 hi_mpi_vdec_create_chn(ot_vdec_chn chn, const ot_vdec_chn_attr* attr);
+td_s32 hi_mpi_vdec_destroy_chn(ot_vdec_chn chn);
+td_s32 hi_mpi_vdec_get_chn_attr(ot_vdec_chn chn, ot_vdec_chn_attr* attr);
+td_s32 hi_mpi_vdec_start_recv_stream(ot_vdec_chn chn);
+td_s32 hi_mpi_vdec_stop_recv_stream(ot_vdec_chn chn);
+td_s32 hi_mpi_vdec_query_status(ot_vdec_chn chn, ot_vdec_chn_status* status);
+// milli_sec: -1 waits without limit, 0 not at all.
+td_s32 hi_mpi_vdec_send_stream(ot_vdec_chn chn, const ot_vdec_stream* stream, td_s32 milli_sec);
+td_s32 hi_mpi_vdec_get_frame(ot_vdec_chn chn, ot_video_frame_info* frame_info,
+                             ot_vdec_supplement_info* supplement, td_s32 milli_sec);
+td_s32 hi_mpi_vdec_release_frame(ot_vdec_chn chn, const ot_video_frame_info* frame_info);
+
+// ---- video processing -----------------------------------------------------------
+td_s32 hi_mpi_vpss_send_frame(ot_vpss_grp grp, const ot_video_frame_info* frame,
+                              td_s32 milli_sec);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,325 @@
+#include "frame/VeskHi.h"
+
+#include <QDebug>
+#include <QMap>
+#include <QMutex>
+#include <QMutexLocker>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <vector>
+
+#include "host/VeskHost.h"
+
+namespace {
+
+std::atomic<long long> ptsOffset{0};
+
+// The registries below are never destroyed: tees and frames outlive every
+// user, and a node thread may still look one up while the process exits.
+QMutex teeMutex;
+QMap<int, VeskTee*>& tees = *new QMap<int, VeskTee*>;
+std::atomic<int> nextTeeId{1};
+std::atomic<int> nextVpssId{0};
+
+QMutex bindMutex;
+QList<VeskHost::Binding> bindList;
+
+// Frames are never freed by their users; keeping them listed keeps them
+// reachable, which is what they are.
+QMutex frameMutex;
+std::vector<void*>& frameMemory = *new std::vector<void*>;
+uint64_t nextFakePhys = 0x40000000;
+
+std::atomic<int> nextIveHandle{1};
+
+// Module number of the scaling unit behind a tee channel.
+constexpr int kScalerModule = 32;
+
+}  // namespace
+
+// ---- clock -------------------------------------------------------------------
+
+bool VeskHi::absPTS = false;
+
+void VeskHi::getPTS(void* out, bool)
+{
+    if (!out) return;
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    const int64_t us = static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000 +
+                       ptsOffset.load(std::memory_order_relaxed);
+    std::memcpy(out, &us, sizeof us);
+}
+
+void VeskHi::setPTSOffset(long long offset)
+{
+    ptsOffset.store(offset);
+}
+
+// ---- tees --------------------------------------------------------------------
+
+VeskTee* VeskHi::newTee(int module, int device, int channel)
+{
+    auto* tee = new VeskTee;
+    tee->id = nextTeeId.fetch_add(1);
+    tee->source = ot_mpp_chn{module, device, channel};
+    QMutexLocker lock(&teeMutex);
+    tees.insert(tee->id, tee);
+    return tee;
+}
+
+void VeskHi::delTee(VeskTee* tee)
+{
+    if (!tee) return;
+    {
+        QMutexLocker lock(&teeMutex);
+        tees.remove(tee->id);
+    }
+    for (VeskTeeChn* chn : qAsConst(tee->chns)) {
+        delete chn->vpss;
+        delete chn;
+    }
+    delete tee;
+}
+
+VeskTee* VeskHi::getTee(int id)
+{
+    QMutexLocker lock(&teeMutex);
+    return tees.value(id, nullptr);
+}
+
+int VeskTee::getId()
+{
+    return id;
+}
+
+ot_mpp_chn VeskTee::getSource()
+{
+    return source;
+}
+
+VeskTeeChn* VeskTee::newChn(bool a, bool b)
+{
+    auto* chn = new VeskTeeChn;
+    chn->teeId = id;
+    chn->index = chns.size();
+    chn->flagA = a;
+    chn->flagB = b;
+    chn->width = maxWidth;
+    chn->height = maxHeight;
+    chn->vpss = new HiVpss;
+    chn->vpss->id = nextVpssId.fetch_add(1);
+    chns.append(chn);
+    return chn;
+}
+
+VeskTeeChn* VeskTee::newChnIPC()
+{
+    VeskTeeChn* chn = newChn(false, false);
+    chn->ipc = true;
+    return chn;
+}
+
+void VeskTee::setMax(int width, int height)
+{
+    maxWidth = width;
+    maxHeight = height;
+}
+
+void VeskTee::updateParam()
+{
+    appliedContrast = contrast;
+}
+
+ot_mpp_chn VeskTeeChn::getChn()
+{
+    return ot_mpp_chn{kScalerModule, vpss ? vpss->id : 0, index};
+}
+
+void VeskTeeChn::resizeChn(int w, int h, bool)
+{
+    width = w;
+    height = h;
+}
+
+void VeskTeeChn::setFlip(bool on)
+{
+    flip = on;
+}
+
+void VeskTeeChn::setMirror(bool on)
+{
+    mirror = on;
+}
+
+int HiVpss::getId()
+{
+    return id;
+}
+
+int VeskHi::bind(int srcModule, int srcDevice, int srcChannel, int dstModule, int dstDevice,
+                 int dstChannel)
+{
+    VeskHost::Binding b;
+    b.src = ot_mpp_chn{srcModule, srcDevice, srcChannel};
+    b.dst = ot_mpp_chn{dstModule, dstDevice, dstChannel};
+    QMutexLocker lock(&bindMutex);
+    bindList.append(b);
+    return 1;
+}
+
+int VeskHi::bindFromTee(VeskTeeChn* chn, int dstModule, int dstDevice, int dstChannel)
+{
+    if (!chn) return 0;
+    VeskHost::Binding b;
+    b.src = chn->getChn();
+    b.dst = ot_mpp_chn{dstModule, dstDevice, dstChannel};
+    b.teeId = chn->teeId;
+    b.chnIndex = chn->index;
+    QMutexLocker lock(&bindMutex);
+    bindList.append(b);
+    return 1;
+}
+
+QList<VeskHost::Binding> VeskHost::bindings()
+{
+    QMutexLocker lock(&bindMutex);
+    return bindList;
+}
+
+void VeskHost::clearBindings()
+{
+    QMutexLocker lock(&bindMutex);
+    bindList.clear();
+}
+
+// ---- frames ------------------------------------------------------------------
+
+ot_video_frame_info VeskHi::makeFrame(int width, int height, unsigned int*)
+{
+    ot_video_frame_info info;
+    std::memset(&info, 0, sizeof info);
+    if (width <= 0 || height <= 0 || width > 16384 || height > 16384) {
+        qWarning().noquote()
+            << QStringLiteral("makeFrame: refused a frame of %1x%2").arg(width).arg(height);
+        return info;
+    }
+    const uint32_t stride = (static_cast<uint32_t>(width) + 15u) & ~15u;
+    const size_t lumaBytes = size_t(stride) * uint32_t(height);
+    const size_t chromaBytes = size_t(stride) * ((uint32_t(height) + 1) / 2);
+    char* mem = static_cast<char*>(std::malloc(lumaBytes + chromaBytes));
+    if (!mem) {
+        qWarning().noquote()
+            << QStringLiteral("makeFrame: out of memory for %1x%2").arg(width).arg(height);
+        return info;
+    }
+    // Black, so an unfilled frame shows as nothing rather than as green.
+    std::memset(mem, 16, lumaBytes);
+    std::memset(mem + lumaBytes, 128, chromaBytes);
+
+    uint64_t phys = 0;
+    {
+        QMutexLocker lock(&frameMutex);
+        frameMemory.push_back(mem);
+        phys = nextFakePhys;
+        nextFakePhys += (lumaBytes + chromaBytes + 0xFFFu) & ~uint64_t(0xFFF);
+    }
+    ot_video_frame& f = info.video_frame;
+    f.width = uint32_t(width);
+    f.height = uint32_t(height);
+    f.pixel_format = OT_PIXEL_FORMAT_YVU_SEMIPLANAR_420;
+    f.stride[0] = stride;
+    f.stride[1] = stride;
+    f.phys_addr[0] = phys;
+    f.phys_addr[1] = phys + lumaBytes;
+    f.virt_addr[0] = reinterpret_cast<uint64_t>(mem);
+    f.virt_addr[1] = reinterpret_cast<uint64_t>(mem + lumaBytes);
+    return info;
+}
+
+MemInfo::MemInfo() = default;
+
+MemInfo::~MemInfo() = default;
+
+void MemInfo::fromFrame(ot_video_frame_info& frame)
+{
+    const ot_video_frame& f = frame.video_frame;
+    for (int i = 0; i < 3; ++i) {
+        physAddr[i] = f.phys_addr[i];
+        virtAddr[i] = f.virt_addr[i];
+        stride[i] = f.stride[i];
+    }
+    width = f.width;
+    height = f.height;
+}
+
+// ---- copy engine -------------------------------------------------------------
+
+namespace {
+
+bool usable(const MemInfo* m, int plane)
+{
+    return m && m->virtAddr[plane] && m->stride[plane] >= m->width && m->width && m->height;
+}
+
+}  // namespace
+
+int IVE::copy(int* handle, MemInfo* src, MemInfo* dst, QRect rect, td_bool)
+{
+    if (!usable(src, 0) || !usable(dst, 0)) return TD_FAILURE;
+    const QRect area = rect.intersected(QRect(0, 0, int(src->width), int(src->height)))
+                           .intersected(QRect(0, 0, int(dst->width), int(dst->height)));
+    if (handle) *handle = nextIveHandle.fetch_add(1);
+    if (area.isEmpty()) return TD_SUCCESS;
+    const char* from = reinterpret_cast<const char*>(src->virtAddr[0]);
+    char* to = reinterpret_cast<char*>(dst->virtAddr[0]);
+    for (int y = area.top(); y <= area.bottom(); ++y)
+        std::memcpy(to + size_t(y) * dst->stride[0] + area.left(),
+                    from + size_t(y) * src->stride[0] + area.left(), size_t(area.width()));
+    return TD_SUCCESS;
+}
+
+int IVE::copyUV(int* handle, MemInfo* src, MemInfo* dst, td_bool)
+{
+    if (!usable(src, 1) || !usable(dst, 1)) return TD_FAILURE;
+    // Interleaved chroma: half the rows, each as many bytes as the luma row.
+    const uint32_t widthBytes = qMin(src->width, dst->width) & ~1u;
+    const uint32_t rows = (qMin(src->height, dst->height) + 1) / 2;
+    if (handle) *handle = nextIveHandle.fetch_add(1);
+    const char* from = reinterpret_cast<const char*>(src->virtAddr[1]);
+    char* to = reinterpret_cast<char*>(dst->virtAddr[1]);
+    for (uint32_t y = 0; y < rows; ++y)
+        std::memcpy(to + size_t(y) * dst->stride[1], from + size_t(y) * src->stride[1], widthBytes);
+    return TD_SUCCESS;
+}
+
+// ---- display and decoder wrappers ----------------------------------------------
+
+int zr_mpi_vo_bt_set_param(int, bool, bool)
+{
+    return 0;
+}
+
+int zr_mpi_vo_set_low_Latency(ot_vo_video_layer_attr&, int)
+{
+    return 0;
+}
+
+int zr_mpi_vo_set_normal_Latency(ot_vo_video_layer_attr&, int)
+{
+    return 0;
+}
+
+ot_vdec_stream zr_vdec_stream_init(VeskObject::Packet packet)
+{
+    ot_vdec_stream s;
+    std::memset(&s, 0, sizeof s);
+    s.addr = reinterpret_cast<uint8_t*>(packet.data);
+    s.len = packet.len > 0 ? uint32_t(packet.len) : 0;
+    s.pts = uint64_t(packet.pts);
+    s.end_of_frame = 1;
+    s.need_display = 1;
+    return s;
+}

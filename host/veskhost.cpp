@@ -1,0 +1,406 @@
+// veskhost: the reference host. Loads the library's node classes, builds a
+// graph from a file and prints what the nodes tell, or watches the signal
+// state of a board's interfaces through the driver registry.
+
+#include "host/VeskHost.h"
+
+#include <unistd.h>
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSocketNotifier>
+#include <QThread>
+#include <QTimer>
+#include <csignal>
+#include <cstdio>
+
+#include "driver/Driver.h"
+#include "frame/Vesk.h"
+#include "host/VeskGraph.h"
+#include "sim/VirtualBoard.h"
+
+namespace {
+
+QElapsedTimer sinceStart;
+int quitPipe[2] = {-1, -1};
+
+const char kUsage[] =
+    "usage:\n"
+    "  veskhost classes\n"
+    "  veskhost run GRAPH.json [--board BOARD.json] [--sim [SCENARIO.json]] [--seconds N]\n"
+    "                          [--json] [--debug]\n"
+    "  veskhost signals --board BOARD.json [--sim [SCENARIO.json]] [--seconds N] [--json]\n"
+    "                   [--debug]\n"
+    "With --sim and no --board, the scenario's \"board\" is the board.\n";
+
+void printLine(const QString& line)
+{
+    const QByteArray bytes = line.toUtf8() + '\n';
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
+    std::fflush(stdout);
+}
+
+void complain(const QString& text)
+{
+    const QByteArray bytes = "veskhost: " + text.toUtf8() + '\n';
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stderr);
+}
+
+int usage(const QString& why)
+{
+    complain(why);
+    std::fputs(kUsage, stderr);
+    return 2;
+}
+
+double seconds()
+{
+    return double(sinceStart.nsecsElapsed()) / 1e9;
+}
+
+QString stamp(double t)
+{
+    return QString::asprintf("[%8.3f]", t);
+}
+
+double rounded(double t)
+{
+    return double(qRound64(t * 1000.0)) / 1000.0;
+}
+
+// One JSON object per line, its members in the order given: time first
+// reads better than the alphabetical order of QJsonObject.
+QString jsonLine(const QList<QPair<QString, QJsonValue>>& members)
+{
+    QStringList parts;
+    for (const auto& m : members) {
+        const QByteArray pair =
+            QJsonDocument(QJsonObject{{m.first, m.second}}).toJson(QJsonDocument::Compact);
+        parts << QString::fromUtf8(pair.mid(1, pair.size() - 2));
+    }
+    return QLatin1Char('{') + parts.join(QLatin1Char(',')) + QLatin1Char('}');
+}
+
+struct Options {
+    QString graph;
+    QString board;
+    QString scenario;
+    bool sim = false;
+    bool json = false;
+    bool debug = false;
+    double seconds = -1;
+};
+
+bool parseOptions(const QStringList& args, Options* o, QString* why)
+{
+    for (int i = 0; i < args.size(); ++i) {
+        const QString& a = args[i];
+        const bool hasNext = i + 1 < args.size();
+        if (a == QLatin1String("--board")) {
+            if (!hasNext) {
+                *why = QStringLiteral("--board needs a file");
+                return false;
+            }
+            o->board = args[++i];
+        } else if (a == QLatin1String("--sim")) {
+            o->sim = true;
+            if (hasNext && !args[i + 1].startsWith(QLatin1Char('-'))) o->scenario = args[++i];
+        } else if (a == QLatin1String("--seconds")) {
+            bool ok = false;
+            o->seconds = hasNext ? args[++i].toDouble(&ok) : 0;
+            if (!ok || o->seconds <= 0) {
+                *why = QStringLiteral("--seconds needs a positive number");
+                return false;
+            }
+        } else if (a == QLatin1String("--json")) {
+            o->json = true;
+        } else if (a == QLatin1String("--debug")) {
+            o->debug = true;
+        } else {
+            *why = QStringLiteral("unexpected argument \"%1\"").arg(a);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool readJson(const QString& path, QJsonDocument* doc, QString* why)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly)) {
+        *why = QStringLiteral("%1: %2").arg(path, f.errorString());
+        return false;
+    }
+    QJsonParseError err;
+    *doc = QJsonDocument::fromJson(f.readAll(), &err);
+    if (err.error != QJsonParseError::NoError) {
+        *why = QStringLiteral("%1: not valid JSON (%2 at offset %3)")
+                   .arg(path, err.errorString())
+                   .arg(err.offset);
+        return false;
+    }
+    return true;
+}
+
+// Sets the board description and brings the virtual board up. Returns an
+// exit code, or -1 to go on.
+int prepareBoard(const Options& o, bool boardRequired)
+{
+    QVariantMap scenario;
+    if (o.sim) {
+        if (o.scenario.isEmpty()) {
+            scenario = vsim::defaultScenario();
+        } else {
+            QJsonDocument doc;
+            QString why;
+            if (!readJson(o.scenario, &doc, &why)) {
+                complain(why);
+                return 2;
+            }
+            if (!doc.isObject()) {
+                complain(QStringLiteral("%1: the scenario is not a JSON object").arg(o.scenario));
+                return 2;
+            }
+            scenario = VeskHost::fromJson(doc.object()).toMap();
+        }
+    }
+
+    QJsonValue boardJson;
+    QString boardName;
+    if (!o.board.isEmpty()) {
+        QJsonDocument doc;
+        QString why;
+        if (!readJson(o.board, &doc, &why)) {
+            complain(why);
+            return 2;
+        }
+        boardJson = doc.isObject() ? QJsonValue(doc.object()) : QJsonValue(doc.array());
+        boardName = o.board;
+    } else if (o.sim && scenario.contains(QStringLiteral("board"))) {
+        boardJson = QJsonValue::fromVariant(scenario.value(QStringLiteral("board")));
+        boardName = QStringLiteral("the scenario's board");
+    } else if (boardRequired) {
+        return usage(o.sim ? QStringLiteral("the scenario has no \"board\": give --board")
+                           : QStringLiteral("signals needs --board, or --sim"));
+    }
+    if (!boardName.isEmpty()) {
+        QStringList notes;
+        QString error;
+        const QVariantMap board = VeskHost::boardFromJson(boardJson, &notes, &error);
+        if (!error.isEmpty()) {
+            complain(boardName + QStringLiteral(": ") + error);
+            return 2;
+        }
+        for (const QString& n : qAsConst(notes)) complain(n);
+        VeskHost::setConfig(board);
+    }
+
+    if (o.sim) {
+        vsim::Board& b = vsim::Board::instance();
+        b.activate();
+        QString error;
+        if (!b.loadScenario(scenario, &error)) {
+            complain(QStringLiteral("scenario: ") + error);
+            return 2;
+        }
+        b.startScenario();
+    }
+    return -1;
+}
+
+void onQuitSignal(int)
+{
+    const char c = 1;
+    const ssize_t r = ::write(quitPipe[1], &c, 1);
+    (void)r;
+}
+
+// SIGINT and SIGTERM end the run as --seconds would.
+void quitOnSignals(QCoreApplication* app)
+{
+    if (::pipe(quitPipe) != 0) return;
+    auto* n = new QSocketNotifier(quitPipe[0], QSocketNotifier::Read, app);
+    QObject::connect(n, &QSocketNotifier::activated, app, &QCoreApplication::quit);
+    std::signal(SIGINT, onQuitSignal);
+    std::signal(SIGTERM, onQuitSignal);
+}
+
+int runGraph(const Options& o, QCoreApplication& app)
+{
+    QJsonDocument doc;
+    QString why;
+    if (!readJson(o.graph, &doc, &why)) {
+        complain(why);
+        return 2;
+    }
+    if (!doc.isObject()) {
+        complain(QStringLiteral("%1: the graph is not a JSON object").arg(o.graph));
+        return 2;
+    }
+    const int code = prepareBoard(o, false);
+    if (code >= 0) return code;
+
+    VeskGraph graph;
+    QObject::connect(
+        &graph, &VeskGraph::nodeEvent, &app,
+        [&o](const QString& node, const QString& event, const QVariant& value) {
+            const double t = seconds();
+            if (o.json)
+                printLine(jsonLine({{"t", rounded(t)},
+                                    {"node", node},
+                                    {"event", event},
+                                    {"value", VeskHost::toJson(value)}}));
+            else
+                printLine(QStringLiteral("%1 %2  %3  %4")
+                              .arg(stamp(t), node, event, VeskHost::toJsonText(value)));
+        });
+    QStringList problems;
+    graph.build(VeskHost::fromJson(doc.object()).toMap(), &problems);
+    for (const QString& p : qAsConst(problems)) complain(p);
+    graph.startAll();
+
+    if (o.seconds > 0)
+        QTimer::singleShot(qRound64(o.seconds * 1000), &app, &QCoreApplication::quit);
+    quitOnSignals(&app);
+    app.exec();
+
+    graph.shutdown();
+    if (o.sim) vsim::Board::instance().stop();
+    return 0;
+}
+
+QString describeInfo(const QVariantMap& info)
+{
+    if (info.isEmpty()) return QStringLiteral("(no information)");
+    QStringList parts;
+    for (auto it = info.begin(); it != info.end(); ++it) {
+        const QVariant& v = it.value();
+        const bool plain =
+            v.userType() == QMetaType::QString || v.userType() == QMetaType::QByteArray;
+        parts << it.key() + QLatin1Char('=') + (plain ? v.toString() : VeskHost::toJsonText(v));
+    }
+    return parts.join(QLatin1Char(' '));
+}
+
+int watchSignals(const Options& o, QCoreApplication& app)
+{
+    const int code = prepareBoard(o, true);
+    if (code >= 0) return code;
+    const QVariantMap config = Vesk::getConfig();
+    const QStringList namesV = config.value(QStringLiteral("interfaceV")).toMap().keys();
+    const QStringList namesA = config.value(QStringLiteral("interfaceA")).toMap().keys();
+
+    // The drivers belong to the thread that builds them, as they would to
+    // the first capture node's thread, and are asked from there.
+    QThread worker;
+    worker.setObjectName(QStringLiteral("share"));
+    worker.start();
+    QObject context;
+    context.moveToThread(&worker);
+    QTimer* timer = nullptr;
+    QMap<QString, QVariantMap> printed;
+    bool first = true;
+    const bool json = o.json;
+
+    auto report = [&app, json](double t, const QString& name, const QString& side,
+                               const QVariantMap& info) {
+        QMetaObject::invokeMethod(
+            &app,
+            [=] {
+                if (json)
+                    printLine(jsonLine({{"t", rounded(t)},
+                                        {"interface", name},
+                                        {"side", side},
+                                        {"info", VeskHost::toJson(info)}}));
+                else
+                    printLine(QStringLiteral("%1 %2 (%3)  %4")
+                                  .arg(stamp(t), name, side, describeInfo(info)));
+            },
+            Qt::QueuedConnection);
+    };
+    auto poll = [&] {
+        for (const QString& name : namesV) {
+            const QVariantMap info = Driver::getInfoV(name);
+            const double t = seconds();
+            const QString key = QStringLiteral("V:") + name;
+            if (first || printed.value(key) != info) report(t, name, QStringLiteral("video"), info);
+            printed.insert(key, info);
+        }
+        for (const QString& name : namesA) {
+            const QVariantMap info = Driver::getInfoA(name);
+            const double t = seconds();
+            const QString key = QStringLiteral("A:") + name;
+            if (first || printed.value(key) != info) report(t, name, QStringLiteral("audio"), info);
+            printed.insert(key, info);
+        }
+        first = false;
+    };
+    QMetaObject::invokeMethod(
+        &context,
+        [&] {
+            Driver::initV();
+            Driver::initA();
+            poll();
+            timer = new QTimer(&context);
+            QObject::connect(timer, &QTimer::timeout, &context, poll);
+            timer->start(1000);
+        },
+        Qt::QueuedConnection);
+
+    if (o.seconds > 0)
+        QTimer::singleShot(qRound64(o.seconds * 1000), &app, &QCoreApplication::quit);
+    quitOnSignals(&app);
+    app.exec();
+
+    // Waits for a poll under way, then leaves the thread with no timer.
+    QMetaObject::invokeMethod(
+        &context,
+        [&] {
+            delete timer;
+            timer = nullptr;
+            context.moveToThread(app.thread());
+        },
+        Qt::BlockingQueuedConnection);
+    worker.quit();
+    worker.wait();
+    if (o.sim) vsim::Board::instance().stop();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    sinceStart.start();
+    QCoreApplication app(argc, argv);
+    const QStringList args = app.arguments().mid(1);
+    if (args.isEmpty()) return usage(QStringLiteral("no command given"));
+    const QString command = args.first();
+
+    if (command == QLatin1String("classes")) {
+        if (args.size() > 1) return usage(QStringLiteral("classes takes no arguments"));
+        for (const QString& c : VeskGraph::classes()) printLine(c);
+        return 0;
+    }
+
+    Options o;
+    QString why;
+    if (command == QLatin1String("run")) {
+        if (args.size() < 2 || args[1].startsWith(QLatin1Char('-')))
+            return usage(QStringLiteral("run needs a graph file"));
+        o.graph = args[1];
+        if (!parseOptions(args.mid(2), &o, &why)) return usage(why);
+        Vesk::debug = o.debug;
+        return runGraph(o, app);
+    }
+    if (command == QLatin1String("signals")) {
+        if (!parseOptions(args.mid(1), &o, &why)) return usage(why);
+        Vesk::debug = o.debug;
+        return watchSignals(o, app);
+    }
+    return usage(QStringLiteral("unknown command \"%1\"").arg(command));
+}

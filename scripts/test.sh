@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Set up, build and pass the whole suite: the normal build, then the same
+# suite built with AddressSanitizer and UndefinedBehaviorSanitizer, then a
+# short run of every fuzz target.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+jobs=$(nproc)
+"$top/scripts/setup.sh"
+
+echo "== normal build"
+"$top/scripts/build.sh" "$top/build"
+ctest --test-dir "$top/build" --output-on-failure -j "$jobs" --timeout 300
+
+echo "== sanitizer build (ASan + UBSan)"
+"$top/scripts/build.sh" "$top/build-asan" -DVESK_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
+ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir "$top/build-asan" --output-on-failure -j "$jobs" --timeout 600
+
+if [ -x "$top/scripts/fuzz-short.sh" ]; then
+  echo "== fuzz (short)"
+  "$top/scripts/fuzz-short.sh" "$top/build-fuzz" 15
+fi
+echo "== all tests passed"
