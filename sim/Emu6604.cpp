@@ -30,6 +30,15 @@ void Emu6604::attach(const QVariantMap& settings)
         return;
     }
     seg = static_cast<uint8_t*>(p);
+    // A segment left by an earlier run may still hold a locked record:
+    // nothing is plugged in until a source says so.
+    setSource({});
+}
+
+void Emu6604::removeSegment()
+{
+    int id = ::shmget(kKey, 0, 0);
+    if (id != -1) ::shmctl(id, IPC_RMID, nullptr);
 }
 
 void Emu6604::setSource(const QVariantMap& source)

@@ -53,11 +53,6 @@ public:
         release();
         if (lockFd >= 0) ::close(lockFd);  // drops the lock
     }
-    static void removeSegment()
-    {
-        int id = ::shmget(Driver6604::kShmKey, 0, 0);
-        if (id != -1) ::shmctl(id, IPC_RMID, nullptr);
-    }
 
 private:
     static void release()
@@ -65,7 +60,7 @@ private:
         if (Driver6604::msgs) ::shmdt(Driver6604::msgs);
         Driver6604::msgs = nullptr;
         Driver6604::shmid = -1;
-        removeSegment();
+        vsim::Emu6604::removeSegment();
     }
     int lockFd = -1;
 };
@@ -276,7 +271,7 @@ TEST_F(Receiver6604, SegmentTooSmallForTheRecordsIsNoSignal)
 {
     in0.reset();
     in5.reset();
-    ShmKeyGuard::removeSegment();
+    vsim::Emu6604::removeSegment();
     int id = ::shmget(Driver6604::kShmKey, 16, IPC_CREAT | 0666);
     ASSERT_NE(id, -1);
     driver.onCheck();
