@@ -26,7 +26,7 @@ while getopts "t:b:h" opt; do
     case $opt in
         t) seconds=$OPTARG ;;
         b) build=$OPTARG ;;
-        *) sed -n '2,13p' "$0"; exit 2 ;;
+        *) sed -n '2,11p' "$0"; exit 2 ;;
     esac
 done
 shift $((OPTIND - 1))
