@@ -18,6 +18,6 @@ ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 
 if [ -x "$top/scripts/fuzz-short.sh" ]; then
   echo "== fuzz (short)"
-  "$top/scripts/fuzz-short.sh" "$top/build-fuzz" 15
+  "$top/scripts/fuzz-short.sh" -b "$top/build-fuzz" -t 15
 fi
 echo "== all tests passed"
