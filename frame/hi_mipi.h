@@ -3,9 +3,10 @@
 // each ABI gets the numbers its kernel expects.
 #pragma once
 
+#include <sys/ioctl.h>
+
 #include <cstddef>
 #include <cstdint>
-#include <sys/ioctl.h>
 
 #define OT_MIPI_DEV_NAME "/dev/ot_mipi"
 
@@ -28,11 +29,11 @@ typedef struct {
 } ot_img_rect;
 
 typedef struct {
-    ot_combo_dev devno;       // 0
-    int32_t input_mode;       // 4: 0 MIPI
-    ot_img_rect img_rect;     // 8
-    int32_t input_data_type;  // 24: 1 YUV 4:2:2, eight bits
-    int32_t wdr_mode;         // 28
+    ot_combo_dev devno;                 // 0
+    int32_t input_mode;                 // 4: 0 MIPI
+    ot_img_rect img_rect;               // 8
+    int32_t input_data_type;            // 24: 1 YUV 4:2:2, eight bits
+    int32_t wdr_mode;                   // 28
     int16_t lane_id[OT_MIPI_LANE_NUM];  // 32: -1 for a lane not used
 } ot_combo_dev_attr;
 

@@ -87,8 +87,7 @@ td_s32 hi_mpi_vdec_get_frame(ot_vdec_chn chn, ot_video_frame_info* frame_info,
 td_s32 hi_mpi_vdec_release_frame(ot_vdec_chn chn, const ot_video_frame_info* frame_info);
 
 // ---- video processing -----------------------------------------------------------
-td_s32 hi_mpi_vpss_send_frame(ot_vpss_grp grp, const ot_video_frame_info* frame,
-                              td_s32 milli_sec);
+td_s32 hi_mpi_vpss_send_frame(ot_vpss_grp grp, const ot_video_frame_info* frame, td_s32 milli_sec);
 
 #ifdef __cplusplus
 }

@@ -177,14 +177,14 @@ typedef struct {
 } ot_frame_rate_ctrl;
 
 typedef struct {
-    ot_rect crop;            // words 0-3
-    ot_size size;            // words 4, 5: output size
-    int32_t capture_select;  // word 6
-    int32_t scan_mode;       // word 7
-    int32_t pixel_format;    // word 8
-    uint32_t mirror;         // word 9
-    uint32_t flip;           // word 10
-    int32_t depth;           // word 11: frames kept for user access
+    ot_rect crop;                        // words 0-3
+    ot_size size;                        // words 4, 5: output size
+    int32_t capture_select;              // word 6
+    int32_t scan_mode;                   // word 7
+    int32_t pixel_format;                // word 8
+    uint32_t mirror;                     // word 9
+    uint32_t flip;                       // word 10
+    int32_t depth;                       // word 11: frames kept for user access
     ot_frame_rate_ctrl frame_rate_ctrl;  // words 12, 13
 } ot_vi_chn_attr;
 
@@ -255,7 +255,7 @@ typedef struct {
     uint32_t is_started;
     uint32_t recv_stream_frames;
     uint32_t dec_stream_frames;
-    uint32_t stream_errors;  // streams that gave no picture
+    uint32_t stream_errors;    // streams that gave no picture
     uint32_t oversize_errors;  // pictures larger than the channel
 } ot_vdec_chn_status;
 

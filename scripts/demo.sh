@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # The main job on the virtual board, from a fresh machine: set up, build, and
-# watch the board's inputs while the default scenario plugs a source in,
-# changes its format and pulls it.
+# run the capture graph while the default scenario plugs a source in, changes
+# its format and pulls it.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/setup.sh"
 "$top/scripts/build.sh" "$top/build"
-exec "$top/build/host/veskhost" signals --board "$top/examples/boards/default.json" \
+exec "$top/build/host/veskhost" run "$top/examples/graphs/capture.json" \
   --sim "$top/examples/scenarios/default.json" --seconds 14 "$@"

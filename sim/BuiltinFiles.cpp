@@ -1,8 +1,8 @@
 // Files the virtual board makes itself: too big, or too binary, to spell out
 // in a scenario.
-#include "sim/VirtualBoard.h"
-
 #include <cstring>
+
+#include "sim/VirtualBoard.h"
 
 // Generated at build time from the JPEG that ffmpeg made (sim/embed.cmake).
 extern const unsigned char veskTestsrcJpeg[];
@@ -36,7 +36,10 @@ QByteArray noSignalPicture()
 
 }  // namespace
 
-QStringList builtinFiles() { return {"nosignal.yuv", "testsrc.jpg"}; }
+QStringList builtinFiles()
+{
+    return {"nosignal.yuv", "testsrc.jpg"};
+}
 
 QByteArray builtinFile(const QString& name)
 {

@@ -1,7 +1,5 @@
 #include "sim/MediaPlatform.h"
 
-#include "sim/VirtualBoard.h"
-
 #include <QMap>
 #include <cerrno>
 #include <chrono>
@@ -11,6 +9,8 @@
 #include <deque>
 #include <mutex>
 #include <vector>
+
+#include "sim/VirtualBoard.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -24,9 +24,15 @@ namespace {
 
 constexpr int kVpssKept = 256;
 
-uint32_t align16(uint32_t v) { return (v + 15u) & ~15u; }
+uint32_t align16(uint32_t v)
+{
+    return (v + 15u) & ~15u;
+}
 
-bool inRange(int v, int lo, int hi) { return v >= lo && v <= hi; }
+bool inRange(int v, int lo, int hi)
+{
+    return v >= lo && v <= hi;
+}
 
 // One decoded picture in memory of its own, laid out as VeskHi::makeFrame
 // lays out frames.
@@ -178,7 +184,12 @@ struct MediaPlatform::Impl {
         // A JPEG stream starts with its start-of-image marker; the hardware
         // parser rejects anything else before it looks further.
         if (len < 4 || data[0] != 0xFF || data[1] != 0xD8) return false;
-        if (!v.ctx) return false;
+        // Nor does it show half a picture: a stream cut short, without its
+        // end-of-image marker near the end, is an error.
+        bool ended = false;
+        for (size_t i = len - 1; i >= 1 && i + 64 >= len && !ended; --i)
+            ended = data[i - 1] == 0xFF && data[i] == 0xD9;
+        if (!ended || !v.ctx) return false;
 
         // The parser may read a little past the end of what it is given.
         std::vector<uint8_t> padded(len + AV_INPUT_BUFFER_PADDING_SIZE, 0);
@@ -284,12 +295,23 @@ struct MediaPlatform::Impl {
     {
         const char* name = nullptr;
         switch (request) {
-        case OT_MIPI_SET_DEV_ATTR: name = "mipi_set_dev_attr"; break;
-        case OT_MIPI_RESET_MIPI: name = "mipi_reset"; break;
-        case OT_MIPI_UNRESET_MIPI: name = "mipi_unreset"; break;
-        case OT_MIPI_SET_HS_MODE: name = "mipi_set_hs_mode"; break;
-        case OT_MIPI_ENABLE_MIPI_CLOCK: name = "mipi_enable_clock"; break;
-        default: return -ENOTTY;
+            case OT_MIPI_SET_DEV_ATTR:
+                name = "mipi_set_dev_attr";
+                break;
+            case OT_MIPI_RESET_MIPI:
+                name = "mipi_reset";
+                break;
+            case OT_MIPI_UNRESET_MIPI:
+                name = "mipi_unreset";
+                break;
+            case OT_MIPI_SET_HS_MODE:
+                name = "mipi_set_hs_mode";
+                break;
+            case OT_MIPI_ENABLE_MIPI_CLOCK:
+                name = "mipi_enable_clock";
+                break;
+            default:
+                return -ENOTTY;
         }
         std::unique_lock<std::mutex> l(lock);
         QVariantList args;
@@ -309,8 +331,10 @@ struct MediaPlatform::Impl {
             if (takeFailure(QLatin1String(name), &forced)) {
                 result = -std::abs(forced);
             } else if (request == OT_MIPI_SET_HS_MODE) {
-                if (!inRange(value, 0, 8)) result = -EINVAL;
-                else hsMode = value;
+                if (!inRange(value, 0, 8))
+                    result = -EINVAL;
+                else
+                    hsMode = value;
             } else if (!inRange(value, 0, OT_MIPI_MAX_DEV_NUM - 1)) {
                 result = -EINVAL;
             } else if (request == OT_MIPI_ENABLE_MIPI_CLOCK) {
@@ -375,7 +399,10 @@ MediaPlatform& MediaPlatform::instance()
 
 MediaPlatform::MediaPlatform() : d(new Impl) {}
 
-MediaPlatform::~MediaPlatform() { delete d; }
+MediaPlatform::~MediaPlatform()
+{
+    delete d;
+}
 
 void MediaPlatform::reset()
 {
@@ -520,11 +547,23 @@ using Lock = std::unique_lock<std::mutex>;
 
 namespace {
 
-vsim::MediaPlatform::Impl& P() { return PlatformAccess::impl(); }
+vsim::MediaPlatform::Impl& P()
+{
+    return PlatformAccess::impl();
+}
 
-bool validDev(int dev) { return vsim::inRange(dev, 0, OT_VI_MAX_DEV_NUM - 1); }
-bool validChn(int chn) { return vsim::inRange(chn, 0, OT_VI_MAX_CHN_NUM - 1); }
-bool validVdec(int chn) { return vsim::inRange(chn, 0, OT_VDEC_MAX_CHN_NUM - 1); }
+bool validDev(int dev)
+{
+    return vsim::inRange(dev, 0, OT_VI_MAX_DEV_NUM - 1);
+}
+bool validChn(int chn)
+{
+    return vsim::inRange(chn, 0, OT_VI_MAX_CHN_NUM - 1);
+}
+bool validVdec(int chn)
+{
+    return vsim::inRange(chn, 0, OT_VDEC_MAX_CHN_NUM - 1);
+}
 
 bool devAttrValid(const ot_vi_dev_attr& a)
 {
@@ -534,11 +573,10 @@ bool devAttrValid(const ot_vi_dev_attr& a)
     if (!inRange(a.clk_edge, OT_VI_CLK_EDGE_SINGLE_UP, OT_VI_CLK_EDGE_DOUBLE)) return false;
     if (!inRange(a.data_seq, OT_VI_DATA_SEQ_VUVU, OT_VI_DATA_SEQ_YVYU)) return false;
     if (a.data_reverse > 1) return false;
-    // Luma needs bus bits; BT.1120 carries chroma on bits of its own.
+    // Luma needs bus bits; plain BT.1120 carries chroma on bits of its own,
+    // the interleaved form shares one byte lane like BT.656.
     if (a.component_mask[0] == 0) return false;
-    const bool twoHalves =
-        a.intf_mode == OT_VI_INTF_MODE_BT1120 || a.intf_mode == OT_VI_INTF_MODE_BT1120_INTERLEAVED;
-    if (twoHalves && a.component_mask[1] == 0) return false;
+    if (a.intf_mode == OT_VI_INTF_MODE_BT1120 && a.component_mask[1] == 0) return false;
     return true;
 }
 
@@ -612,7 +650,9 @@ td_s32 hi_mpi_vi_disable_dev(ot_vi_dev dev)
 
 td_s32 hi_mpi_vi_set_chn_attr(ot_vi_chn chn, const ot_vi_chn_attr* attr)
 {
-    return P().run("hi_mpi_vi_set_chn_attr", {chn}, [&](Lock&) {
+    // The scan mode goes into the log: the interlaced set-up sets the
+    // channel twice, and only the log shows the first one.
+    return P().run("hi_mpi_vi_set_chn_attr", {chn, attr ? attr->scan_mode : -1}, [&](Lock&) {
         if (!validChn(chn)) return OT_ERR_VI_INVALID_CHN_ID;
         if (!attr) return OT_ERR_VI_NULL_PTR;
         auto& c = P().chn[chn];
@@ -717,6 +757,7 @@ td_s32 hi_mpi_vdec_create_chn(ot_vdec_chn chn, const ot_vdec_chn_attr* attr)
         AVCodecContext* ctx = codec ? avcodec_alloc_context3(codec) : nullptr;
         if (!ctx) return OT_ERR_VDEC_NO_MEM;
         ctx->thread_count = 1;
+        ctx->err_recognition = AV_EF_EXPLODE;
         if (avcodec_open2(ctx, codec, nullptr) < 0) {
             avcodec_free_context(&ctx);
             return OT_ERR_VDEC_NO_MEM;
@@ -871,8 +912,7 @@ td_s32 hi_mpi_vdec_release_frame(ot_vdec_chn chn, const ot_video_frame_info* fra
         auto& v = P().vdec[chn];
         if (!v.created) return OT_ERR_VDEC_UNEXIST;
         for (auto it = v.held.begin(); it != v.held.end(); ++it) {
-            if (it->info.video_frame.virt_addr[0] != frame_info->video_frame.virt_addr[0])
-                continue;
+            if (it->info.video_frame.virt_addr[0] != frame_info->video_frame.virt_addr[0]) continue;
             vsim::freePicture(*it);
             v.held.erase(it);
             P().changed.notify_all();

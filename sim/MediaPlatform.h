@@ -11,14 +11,14 @@
 // interleaved V/U plane of (height + 1) / 2 lines right after the luma.
 #pragma once
 
-#include "frame/hi_mipi.h"
-#include "frame/hi_mpi.h"
-
 #include <QList>
 #include <QString>
 #include <QStringList>
 #include <QVariantList>
 #include <memory>
+
+#include "frame/hi_mipi.h"
+#include "frame/hi_mpi.h"
 
 namespace vsim {
 
