@@ -21,6 +21,7 @@
 #include "driver/Driver.h"
 #include "frame/Vesk.h"
 #include "host/VeskGraph.h"
+#include "host/probe.h"
 #include "sim/VirtualBoard.h"
 
 namespace {
@@ -35,6 +36,7 @@ const char kUsage[] =
     "                          [--json] [--debug]\n"
     "  veskhost signals --board BOARD.json [--sim [SCENARIO.json]] [--seconds N] [--json]\n"
     "                   [--debug]\n"
+    "  veskhost probe URL [--seconds N] [--json] [--set KEY=VALUE ...]\n"
     "With --sim and no --board, the scenario's \"board\" is the board.\n";
 
 void printLine(const QString& line)
@@ -386,6 +388,8 @@ int main(int argc, char** argv)
         for (const QString& c : VeskGraph::classes()) printLine(c);
         return 0;
     }
+
+    if (command == QLatin1String("probe")) return veskProbe(args.mid(1));
 
     Options o;
     QString why;

@@ -6,13 +6,13 @@
 # Usage: scripts/fuzz-short.sh [-t SECONDS] [-b BUILD_DIR] [SECONDS] [TARGET...]
 #   SECONDS    per target, default 20 (also as the first plain argument)
 #   BUILD_DIR  default build-fuzz beside this scripts/ folder
-#   TARGET     any of: sdp rtp h264_sps h265_sps (default all)
+#   TARGET     any of: sdp rtp h264_sps h265_sps rtsp_reader (default all)
 # Exit status 0 when every target ran clean; findings are written to
 # BUILD_DIR/artifacts/, each run's log to BUILD_DIR/logs/.
 #
-# Longer run, before a release or after a change to input/RtpMedia.*: an hour
-# per target, then several hours of the packet target on both cores; the
-# corpus in BUILD_DIR/corpus/ grows from run to run.
+# Longer run, before a release or after a change to input/RtpMedia.* or
+# input/RtspReader.*: an hour per target, then several hours of the packet
+# target on both cores; the corpus in BUILD_DIR/corpus/ grows from run to run.
 #   scripts/fuzz-short.sh -t 3600
 #   build-fuzz/fuzz_rtp -jobs=2 -workers=2 -max_len=8192 -timeout=10 \
 #       -max_total_time=14400 build-fuzz/corpus/rtp build-fuzz/seeds/rtp
@@ -35,7 +35,7 @@ if [[ $# -gt 0 && $1 =~ ^[0-9]+$ ]]; then
     shift
 fi
 targets=("$@")
-[[ ${#targets[@]} -gt 0 ]] || targets=(sdp rtp h264_sps h265_sps)
+[[ ${#targets[@]} -gt 0 ]] || targets=(sdp rtp h264_sps h265_sps rtsp_reader)
 [[ $seconds =~ ^[0-9]+$ ]] || { echo "seconds must be a number: $seconds" >&2; exit 2; }
 
 command -v clang++ >/dev/null || { echo "clang++ not found (apt-get install clang)" >&2; exit 2; }
@@ -99,6 +99,8 @@ $(record 0 0 620141f3 2)$(record 1 0 d5d5 3)"
 # A fragmented unit that outgrows the reassembly buffer.
 seed "$s/rtp/overflow" "00$(record 0 0 7c85 9)$(record 0 255 "7c05$(printf '%04200d' 0)" 9)\
 $(record 0 255 "7c05$(printf '%04200d' 0)" 9)$(record 0 0 7c4501 9)"
+# The RTSP reader: a whole dialogue with frames behind it, frames alone.
+cp -r "$repo/tests/fuzz/seeds/rtsp_reader" "$s/rtsp_reader"
 
 mkdir -p "$build/artifacts" "$build/logs"
 declare -a summary

@@ -7,6 +7,10 @@ packages=(
   qtbase5-dev libqt5serialport5-dev
   libavformat-dev libavcodec-dev libavutil-dev libasound2-dev
   libgtest-dev ffmpeg python3
+  # The RTSP server of the integration tests (scripts/rtsp-server.py).
+  python3-gi python3-gst-1.0 gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base
+  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly
+  gstreamer1.0-libav gstreamer1.0-tools
 )
 
 missing=()

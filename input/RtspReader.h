@@ -1,0 +1,82 @@
+// What the RTSP control connection delivers, cut into its units: replies,
+// read line by line until PLAY is answered, and interleaved `$` frames from
+// then on. It owns no socket and no node, so that it can be fed from memory
+// as well as from the connection; the RTSP node drives it from readyRead.
+#pragma once
+
+#include <QByteArray>
+#include <QMap>
+#include <QString>
+#include <cstdint>
+
+// The bytes the reader pulls from, in the order they arrived.
+class RtspByteSource {
+public:
+    virtual ~RtspByteSource() = default;
+    virtual bool connected() const = 0;
+    virtual int64_t available() const = 0;
+    virtual bool canReadLine() const = 0;
+    // At most max bytes, up to and including the next '\n' if it comes first.
+    virtual QByteArray readLine(int64_t max) = 0;
+    virtual int64_t read(char* to, int64_t max) = 0;
+    virtual QByteArray readAll() = 0;
+};
+
+// The session behind the reader.
+class RtspReaderClient {
+public:
+    virtual ~RtspReaderClient() = default;
+    // Replies are read while this is at most 4, frames when it is 5.
+    virtual uint32_t sessionStep() const = 0;
+    // One whole reply; may end the session, which resets the reader.
+    virtual void reply(const QMap<QString, QString>& msg) = 0;
+    // Where a frame of len bytes is read to; null drops the frame.
+    virtual char* frameBuffer(int len) = 0;
+    // A frame on channel 3 (audio RTCP) began: the server wants a sign of life.
+    virtual void keepAliveDue() = 0;
+    // A whole frame, its RTP padding already taken off. buf is null for a
+    // frame that arrived whole but could not be kept.
+    virtual void frame(uint8_t channel, char* buf, int len) = 0;
+    virtual void log(const QString& text) = 0;
+};
+
+class RtspReader {
+public:
+    enum Result {
+        Done,      // everything that could be read was read
+        BadFrame,  // a frame header without its '$'; the bytes stay unread
+    };
+
+    // A reply line or reply longer than this has no end in sight: it is
+    // dropped instead of being held.
+    static constexpr int kMaxLine = 64 * 1024;
+    static constexpr int kMaxReply = 256 * 1024;
+
+    explicit RtspReader(RtspReaderClient& client) : client(client) {}
+
+    Result read(RtspByteSource& in);
+    // A new connection: the partial reply and frame go. The frame header is
+    // deliberately kept (a stray one outlives the session).
+    void reset();
+
+    QMap<QString, QString> msg;
+    QByteArray frameHeader;
+    int32_t remaining = 0;
+    char* frameBuf = nullptr;
+    int32_t frameLen = 0;
+    uint8_t frameChannel = 0;
+
+private:
+    void readReplies(RtspByteSource& in);
+    void takeLine(RtspByteSource& in, const QByteArray& line);
+    Result readFrames(RtspByteSource& in);
+    void finishFrame();
+
+    RtspReaderClient& client;
+    // Bytes of header lines in the reply being read.
+    int replyBytes = 0;
+    // The tail of an over-long line is still to be thrown away.
+    bool skippingLine = false;
+    // The current frame had no buffer: its bytes are read and discarded.
+    bool discarding = false;
+};

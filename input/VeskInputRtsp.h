@@ -1,0 +1,106 @@
+// Source node with an RTSP/1.0 client of its own, light enough for the
+// board's CPU: OPTIONS, DESCRIBE, SETUP per track, PLAY over one TCP
+// connection, then RTP interleaved on that connection or on UDP port pairs.
+// Every assembled video unit and audio frame goes to the graph on the host
+// clock. A session that fails or falls silent is rebuilt 3000 ms later, for
+// ever. The media half (SDP, depacketising, clock) is RtspMedia.
+#pragma once
+
+#include <QHostAddress>
+#include <QMap>
+#include <QString>
+#include <QTcpSocket>
+#include <QTimer>
+#include <QUdpSocket>
+#include <cstdint>
+
+#include "frame/VeskObject.h"
+#include "input/RtpMedia.h"
+#include "input/RtspReader.h"
+
+class VeskInputRtsp : public VeskObject, private RtspMediaSink, private RtspReaderClient {
+    Q_OBJECT
+public:
+    using Message = QMap<QString, QString>;
+
+    Q_INVOKABLE explicit VeskInputRtsp(QObject* parent = nullptr);
+    ~VeskInputRtsp() override;
+
+    Message newMsg(const QString& method, const QString& uri);
+    void sendMsg(Message msg);
+    void handleMsg(Message msg);
+    void init();
+    static QString md5(const QString& text);
+
+    // The interleaved receiver report sent as a sign of life: 64 bytes,
+    // channel 3; over UDP without its 4-byte frame header.
+    static QByteArray keepAliveFrame();
+
+public slots:
+    void onSetData(QMap<QString, QVariant> newData) override;
+    void onStart() override;
+    void onStop() override;
+    void onTimerRetry();
+    void onTimerAlive();
+    void onConnected();
+    void onDisconnected();
+    void onReadTCP();
+    void onReadUdpA();
+    void onReadUdpV();
+    void onReadUdpRtcpA();
+    void onReadUdpRtcpV();
+
+private:
+    // RtspMediaSink
+    char* buffer(const char* src, int len, int headroom) override;
+    void sendInfo(bool video, const VeskObject::StreamInfo& info) override;
+    void sendPacket(bool video, const VeskObject::Packet& packet) override;
+    int64_t now() override;
+    QString logName() const override { return name(); }
+
+    // RtspReaderClient
+    uint32_t sessionStep() const override { return step; }
+    void reply(const Message& msg) override { handleMsg(msg); }
+    char* frameBuffer(int len) override;
+    void keepAliveDue() override;
+    void frame(uint8_t channel, char* buf, int len) override;
+    void log(const QString& text) override;
+
+    // What onStop does to a session; also every failure path's clean-up.
+    void endSession();
+    bool bindUdp();
+    void readUdp(QUdpSocket& socket, bool video);
+    void answerRtcp(QUdpSocket& socket);
+    void sendReady();
+    void refreshSettings();
+
+    QTcpSocket tcp;
+    QUdpSocket udpA, udpRtcpA, udpV, udpRtcpV;
+    QHostAddress host;
+    uint16_t port = 554;
+    QString user, password;
+    QString url;
+    int32_t cseq = 1;
+    uint32_t step = 0;
+    bool needAuth = false;
+    QByteArray keepAlive;
+    QString authScheme, authParams, nonce, realm;
+    QString sdp;
+    QString session;
+    bool started = false;
+    int32_t ssrcA = 0, ssrcV = 0;
+    bool alive = false;
+    QTimer timerRetry, timerAlive;
+
+    RtspMedia media;
+    RtspReader reader;
+    // Set by start, cleared by a stop from outside; the session's own
+    // failures leave it set, which is what keeps the retries going.
+    bool running = false;
+    // Counts sessions ended, so that a read can tell that its session ended
+    // under it.
+    uint64_t sessionsEnded = 0;
+    // Depth of handleMsg feeding a reply to itself to skip a track.
+    int reentry = 0;
+    bool keepAliveBacklogLogged = false;
+};
