@@ -3,19 +3,12 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QRegularExpression>
 #include <QTcpServer>
-#include <QTemporaryDir>
 #include <QUdpSocket>
 
-#include "frame/VeskHi.h"
-#include "host/VeskHost.h"
 #include "input/VeskInputFile.h"
 #include "input/VeskInputNet.h"
 
@@ -26,95 +19,31 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes();
 
 namespace rig {
 
-qint64 hostNow()
-{
-    int64_t t = 0;
-    VeskHi::getPTS(&t, false);
-    return t;
-}
-
-Sink::Sink()
-{
-    setName(QStringLiteral("sink"));
-    // Files read at full speed come in bursts; a packet dropped on the way
-    // would fail the decode checks for the wrong reason.
-    shareDepth = 256;
-}
-
-void Sink::record(bool video, const VeskObject::Packet& p)
-{
-    const Unit u{p.pts, hostNow(), p.frameType, QByteArray(p.data, qMin(p.len, 8))};
-    QMutexLocker lock(&mutex);
-    all[video] << u;
-    if (video) bytes.append(p.data, p.len);
-}
-
-QList<Unit> Sink::units(bool video) const
-{
-    QMutexLocker lock(&mutex);
-    return all[video];
-}
-
-QByteArray Sink::videoBytes() const
-{
-    QMutexLocker lock(&mutex);
-    return bytes;
-}
-
-void Sink::clear()
-{
-    QMutexLocker lock(&mutex);
-    all[0].clear();
-    all[1].clear();
-    bytes.clear();
-}
-
 Rig::Rig()
 {
     // Naming the classes keeps the linker from dropping the library that
     // registers them; the graph creates nodes by class name only.
     EXPECT_STREQ(VeskInputNet::staticMetaObject.className(), "VeskInputNet");
     EXPECT_STREQ(VeskInputFile::staticMetaObject.className(), "VeskInputFile");
-    sinkThread.start();
-    sink.moveToThread(&sinkThread);
-    QObject::connect(&graph, &VeskGraph::nodeEvent,
-                     [this](const QString&, const QString& name, const QVariant& value) {
-                         seen << Event{hostNow(), name, keepValues ? value : QVariant()};
-                     });
 }
 
 Rig::~Rig()
 {
-    VeskHost::detach(&sink);
     if (source) {
         // A read blocked on a silent peer ends now, not at "timeout".
         source->thread()->requestInterruption();
         graph.stop(QStringLiteral("src"));
     }
-    graph.shutdown();
-    QThread* home = QThread::currentThread();
-    QMetaObject::invokeMethod(
-        &sink, [this, home] { sink.moveToThread(home); }, Qt::BlockingQueuedConnection);
-    sinkThread.quit();
-    sinkThread.wait();
 }
 
 void Rig::add(const QString& className, const QVariantMap& data, bool start)
 {
-    QString error;
-    source = graph.create(className, QStringLiteral("src"), QString(), &error);
+    const QString error = create(className, QStringLiteral("src"), data);
     ASSERT_NE(source, nullptr) << error.toStdString();
-    VeskHost::link(source, &sink, VeskHost::LinkA | VeskHost::LinkV);
-    graph.setData(QStringLiteral("src"), data);
     VeskObject* n = source;
     if (start)
         QMetaObject::invokeMethod(
             n, [n] { n->start(); }, Qt::QueuedConnection);
-}
-
-void Rig::setData(const QVariantMap& data)
-{
-    graph.setData(QStringLiteral("src"), data);
 }
 
 QVariant Rig::invoke(const QString& method, const QVariant& arg)
@@ -128,31 +57,6 @@ QVariantMap Rig::data()
     VeskObject* n = source;
     VeskGraph::runIn(n, [&] { copy = n->data; });
     return copy;
-}
-
-QList<Event> Rig::events(const QString& name) const
-{
-    QList<Event> out;
-    for (const Event& e : seen)
-        if (e.name == name) out << e;
-    return out;
-}
-
-bool Rig::waitUntil(const std::function<bool()>& done, int ms)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!done()) {
-        if (t.elapsed() > ms) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-        QThread::msleep(5);
-    }
-    return true;
-}
-
-bool Rig::waitEvent(const QString& name, int count, int ms)
-{
-    return waitUntil([&] { return events(name).size() >= count; }, ms);
 }
 
 Peer::Peer(const QString& program, const QStringList& args)
@@ -265,31 +169,6 @@ std::unique_ptr<Peer> httpServer(const QString& dir, int* port)
     }
     EXPECT_GT(*port, 0) << "the HTTP server did not come up: " << text.toStdString();
     return peer;
-}
-
-Probe ffprobe(const QByteArray& bytes, const QString& suffix)
-{
-    Probe r;
-    QTemporaryDir dir;
-    QFile f(dir.filePath(QStringLiteral("stream.") + suffix));
-    if (!f.open(QIODevice::WriteOnly) || f.write(bytes) != bytes.size()) return r;
-    f.close();
-    QProcess p;
-    p.start(QStringLiteral("ffprobe"),
-            {"-v", "error", "-count_frames", "-select_streams", "v:0", "-show_entries",
-             "stream=codec_name,width,height,nb_read_frames", "-of", "json", f.fileName()});
-    if (!p.waitForFinished(60000)) return r;
-    r.errors = QString::fromUtf8(p.readAllStandardError()).trimmed();
-    const QJsonArray streams =
-        QJsonDocument::fromJson(p.readAllStandardOutput()).object().value("streams").toArray();
-    if (p.exitCode() != 0 || streams.isEmpty()) return r;
-    const QJsonObject s = streams.first().toObject();
-    r.ok = true;
-    r.codec = s.value("codec_name").toString();
-    r.width = s.value("width").toInt();
-    r.height = s.value("height").toInt();
-    r.frames = s.value("nb_read_frames").toString().toInt();
-    return r;
 }
 
 QByteArray hvccToAnnexB(const QByteArray& hvcc)

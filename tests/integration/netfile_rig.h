@@ -3,51 +3,23 @@
 // processes, and ffprobe as the judge of what the sources deliver.
 #pragma once
 
-#include <QMutex>
 #include <QProcess>
-#include <QThread>
-#include <functional>
+#include <QStringList>
 #include <memory>
 
-#include "frame/VeskObject.h"
-#include "host/VeskGraph.h"
+#include "source_rig.h"
 
 namespace rig {
 
-qint64 hostNow();  // VeskHi::getPTS, microseconds
+using srcrig::Event;
+using srcrig::ffprobe;
+using srcrig::hostNow;
+using srcrig::Probe;
+using srcrig::Sink;
+using srcrig::Unit;
 
-struct Unit {
-    qint64 pts = 0;
-    qint64 arrival = 0;  // host clock when the sink got it
-    int frameType = 0;
-    QByteArray head;  // first bytes of the payload
-};
-
-struct Event {
-    qint64 at = 0;  // host clock
-    QString name;
-    QVariant value;
-};
-
-class Sink : public VeskObject {
-public:
-    Sink();
-    void onNewPacketA(VeskObject::Packet p) override { record(false, p); }
-    void onNewPacketV(VeskObject::Packet p) override { record(true, p); }
-    QList<Unit> units(bool video) const;
-    int count(bool video) const { return units(video).size(); }
-    QByteArray videoBytes() const;
-    void clear();
-
-private:
-    void record(bool video, const VeskObject::Packet& p);
-    mutable QMutex mutex;
-    QList<Unit> all[2];
-    QByteArray bytes;
-};
-
-// One source, created by class name, in its own thread; the sink in another.
-class Rig {
+// One source, created by class name; the sink in a thread of its own.
+class Rig : public srcrig::Rig {
 public:
     Rig();
     ~Rig();
@@ -55,26 +27,8 @@ public:
     // network source opens inside it, and the test must stay free to start
     // the peer it waits for and to see events as they come.
     void add(const QString& className, const QVariantMap& data, bool start = true);
-    void setData(const QVariantMap& data);
     QVariant invoke(const QString& method, const QVariant& arg = QVariant());
     QVariantMap data();  // a copy, read in the node's thread
-
-    QList<Event> events(const QString& name) const;
-    bool waitUntil(const std::function<bool()>& done, int ms);
-    bool waitEvent(const QString& name, int count, int ms);
-    void pump(int ms)
-    {
-        waitUntil([] { return false; }, ms);
-    }
-
-    Sink sink;
-    bool keepValues = true;  // off: a long run does not grow the test itself
-
-private:
-    VeskGraph graph;
-    QThread sinkThread;
-    VeskObject* source = nullptr;
-    QList<Event> seen;
 };
 
 // A child process, killed at the end of the test at the latest.
@@ -105,13 +59,6 @@ std::unique_ptr<Peer> liveEncoder(const QStringList& output);
 // python's HTTP server on 127.0.0.1 over `dir`.
 std::unique_ptr<Peer> httpServer(const QString& dir, int* port);
 
-struct Probe {
-    bool ok = false;
-    QString errors, codec;
-    int width = 0, height = 0, frames = 0;
-};
-// ffprobe decoding every frame of an elementary stream ("h264", "hevc").
-Probe ffprobe(const QByteArray& bytes, const QString& suffix);
 // The parameter sets of an HEVC configuration record, start-coded.
 QByteArray hvccToAnnexB(const QByteArray& hvcc);
 

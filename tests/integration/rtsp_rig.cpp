@@ -2,83 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
-#include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QMutexLocker>
-#include <QSet>
-#include <QTemporaryDir>
+#include <QThread>
 
-#include "frame/VeskHi.h"
-#include "host/VeskHost.h"
 #include "input/VeskInputRtsp.h"
 
 namespace rtsp {
-
-qint64 hostNow()
-{
-    int64_t t = 0;
-    VeskHi::getPTS(&t, false);
-    return t;
-}
-
-// ---- sink ------------------------------------------------------------------------
-
-Sink::Sink()
-{
-    setName(QStringLiteral("sink"));
-    // None may be dropped on the way, or the decode checks would fail for
-    // the wrong reason.
-    shareDepth = 256;
-}
-
-void Sink::onNewPacketA(VeskObject::Packet p)
-{
-    record(false, p);
-}
-
-void Sink::onNewPacketV(VeskObject::Packet p)
-{
-    record(true, p);
-}
-
-void Sink::record(bool video, const VeskObject::Packet& p)
-{
-    Unit u;
-    u.video = video;
-    u.pts = p.pts;
-    u.arrival = hostNow();
-    u.frameType = p.frameType;
-    u.bytes = QByteArray(p.data, p.len);
-    QMutexLocker lock(&mutex);
-    all << u;
-}
-
-QList<Unit> Sink::units(bool video) const
-{
-    QMutexLocker lock(&mutex);
-    QList<Unit> out;
-    for (const Unit& u : all)
-        if (u.video == video) out << u;
-    return out;
-}
-
-int Sink::count(bool video) const
-{
-    QMutexLocker lock(&mutex);
-    int n = 0;
-    for (const Unit& u : all) n += u.video == video;
-    return n;
-}
-
-void Sink::clear()
-{
-    QMutexLocker lock(&mutex);
-    all.clear();
-}
 
 // ---- server ----------------------------------------------------------------------
 
@@ -107,13 +35,7 @@ bool Server::launch(const QStringList& a)
                    QStringList{QStringLiteral(VESK_SOURCE_DIR "/scripts/rtsp-server.py")} + a);
     if (!process->waitForStarted(5000)) return false;
     // The first GStreamer run on a machine builds its plugin registry.
-    QElapsedTimer t;
-    t.start();
-    QByteArray out;
-    while (!out.contains('\n') && t.elapsed() < 60000 && process->state() == QProcess::Running) {
-        process->waitForReadyRead(200);
-        out += process->readAllStandardOutput();
-    }
+    const QByteArray out = srcrig::firstLine(*process, 60000);
     log += QString::fromUtf8(process->readAllStandardError());
     bool number = false;
     const int p = out.trimmed().toInt(&number);
@@ -151,15 +73,7 @@ bool Server::restart()
             QStringLiteral("/usr/bin/python3"),
             QStringList{QStringLiteral(VESK_SOURCE_DIR "/scripts/rtsp-server.py")} + again);
         if (!process->waitForStarted(5000)) return false;
-        QElapsedTimer t;
-        t.start();
-        QByteArray out;
-        while (!out.contains('\n') && t.elapsed() < 30000 &&
-               process->state() == QProcess::Running) {
-            process->waitForReadyRead(200);
-            out += process->readAllStandardOutput();
-        }
-        if (out.trimmed().toInt() == port) return true;
+        if (srcrig::firstLine(*process, 30000).trimmed().toInt() == port) return true;
         process->waitForFinished(2000);
         log += QString::fromUtf8(process->readAllStandardError());
         QThread::msleep(300);
@@ -177,35 +91,11 @@ QString Server::output()
 
 Rig::Rig(const QVariantMap& data, bool startNow)
 {
-    sinkThread.setObjectName(QStringLiteral("sink"));
-    sinkThread.start();
-    sink.moveToThread(&sinkThread);
-    QObject::connect(&graph, &VeskGraph::nodeEvent,
-                     [this](const QString&, const QString& name, const QVariant& value) {
-                         seen << Event{hostNow(), name, value};
-                     });
     // Names the class, so that the library is linked in and registers it.
     const QString className = QString::fromLatin1(VeskInputRtsp::staticMetaObject.className());
-    QString error;
-    node = graph.create(className, QStringLiteral("rtsp"), QString(), &error);
-    EXPECT_NE(node, nullptr) << error.toStdString();
-    if (!node) return;
-    VeskHost::link(node, &sink, VeskHost::LinkA | VeskHost::LinkV);
-    graph.setData(QStringLiteral("rtsp"), data);
-    if (startNow) start();
-}
-
-Rig::~Rig()
-{
-    // A connect window being waited out ends now.
-    if (node && node->thread()) node->thread()->requestInterruption();
-    VeskHost::detach(&sink);
-    graph.shutdown();
-    QThread* home = QThread::currentThread();
-    QMetaObject::invokeMethod(
-        &sink, [this, home] { sink.moveToThread(home); }, Qt::BlockingQueuedConnection);
-    sinkThread.quit();
-    sinkThread.wait();
+    const QString error = create(className, QStringLiteral("rtsp"), data);
+    EXPECT_NE(source, nullptr) << error.toStdString();
+    if (source && startNow) start();
 }
 
 void Rig::start()
@@ -216,46 +106,6 @@ void Rig::start()
 void Rig::stop()
 {
     graph.stop(QStringLiteral("rtsp"));
-}
-
-void Rig::setData(const QVariantMap& data)
-{
-    graph.setData(QStringLiteral("rtsp"), data);
-}
-
-QList<Event> Rig::events(const QString& name) const
-{
-    QList<Event> out;
-    for (const Event& e : seen)
-        if (name.isEmpty() || e.name == name) out << e;
-    return out;
-}
-
-bool Rig::waitUntil(const std::function<bool()>& done, int ms)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!done()) {
-        if (t.elapsed() > ms) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-        QThread::msleep(5);
-    }
-    return true;
-}
-
-bool Rig::waitEvent(const QString& name, int count, int ms)
-{
-    return waitUntil([&] { return events(name).size() >= count; }, ms);
-}
-
-void Rig::pump(int ms)
-{
-    waitUntil([] { return false; }, ms);
-}
-
-QVariantMap Rig::ready(int index) const
-{
-    return events(QStringLiteral("ready")).value(index).value.toMap();
 }
 
 // ---- media checks ------------------------------------------------------------------
@@ -285,35 +135,6 @@ int pictures(const QList<Unit>& video, bool h265)
         last = u.pts;
     }
     return n;
-}
-
-Probe ffprobe(const QByteArray& bytes, const QString& format)
-{
-    Probe p;
-    QTemporaryDir dir;
-    const QString file = dir.path() + QStringLiteral("/stream.") + format;
-    QFile f(file);
-    if (!f.open(QIODevice::WriteOnly) || f.write(bytes) != bytes.size()) return p;
-    f.close();
-    QProcess probe;
-    probe.start(QStringLiteral("ffprobe"),
-                {"-v", "error", "-count_frames", "-f", format, "-show_entries",
-                 "stream=codec_name,width,height,sample_rate,channels,nb_read_frames", "-of",
-                 "json", file});
-    if (!probe.waitForFinished(60000)) return p;
-    p.errors = QString::fromUtf8(probe.readAllStandardError()).trimmed();
-    const QJsonArray streams =
-        QJsonDocument::fromJson(probe.readAllStandardOutput()).object().value("streams").toArray();
-    if (probe.exitCode() != 0 || streams.isEmpty()) return p;
-    const QJsonObject s = streams.first().toObject();
-    p.codec = s.value("codec_name").toString();
-    p.width = s.value("width").toInt();
-    p.height = s.value("height").toInt();
-    p.sampleRate = s.value("sample_rate").toString().toInt();
-    p.channels = s.value("channels").toInt();
-    p.frames = s.value("nb_read_frames").toString().toInt();
-    p.ok = true;
-    return p;
 }
 
 QByteArray adts(const QList<Unit>& audio, int sampleRate, int channels)

@@ -5,52 +5,22 @@
 
 #include <QByteArray>
 #include <QList>
-#include <QMutex>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
-#include <QThread>
 #include <QVariant>
-#include <functional>
 #include <memory>
 
-#include "frame/VeskObject.h"
-#include "host/VeskGraph.h"
+#include "source_rig.h"
 
 namespace rtsp {
 
-// Host clock (VeskHi::getPTS), microseconds.
-qint64 hostNow();
-
-struct Unit {
-    bool video = false;
-    qint64 pts = 0;
-    qint64 arrival = 0;  // host clock when the sink got it
-    int frameType = 0;
-    QByteArray bytes;
-};
-
-struct Event {
-    qint64 at = 0;  // host clock when the test saw it
-    QString name;
-    QVariant value;
-};
-
-class Sink : public VeskObject {
-public:
-    Sink();
-    void onNewPacketA(VeskObject::Packet p) override;
-    void onNewPacketV(VeskObject::Packet p) override;
-
-    QList<Unit> units(bool video) const;
-    int count(bool video) const;
-    void clear();
-
-private:
-    void record(bool video, const VeskObject::Packet& p);
-    mutable QMutex mutex;
-    QList<Unit> all;
-};
+using srcrig::Event;
+using srcrig::ffprobe;
+using srcrig::hostNow;
+using srcrig::Probe;
+using srcrig::Sink;
+using srcrig::Unit;
 
 // scripts/rtsp-server.py on 127.0.0.1, stopped when the object goes.
 class Server {
@@ -77,28 +47,11 @@ private:
 };
 
 // One RTSP node in a graph, wired to a sink in another thread.
-class Rig {
+class Rig : public srcrig::Rig {
 public:
     explicit Rig(const QVariantMap& data, bool start = true);
-    ~Rig();
     void start();
     void stop();
-    void setData(const QVariantMap& data);
-
-    QList<Event> events(const QString& name = QString()) const;
-    // Runs the test thread's event loop until `done` holds or `ms` passed.
-    bool waitUntil(const std::function<bool()>& done, int ms);
-    bool waitEvent(const QString& name, int count, int ms);
-    void pump(int ms);
-    QVariantMap ready(int index = 0) const;
-
-    Sink sink;
-
-private:
-    VeskGraph graph;
-    QThread sinkThread;
-    VeskObject* node = nullptr;
-    QList<Event> seen;
 };
 
 // Video units of one picture share a pts; a picture is counted once for
@@ -106,20 +59,6 @@ private:
 int nalType(const Unit& u, bool h265);
 bool isSlice(const Unit& u, bool h265);
 int pictures(const QList<Unit>& video, bool h265);
-
-struct Probe {
-    bool ok = false;
-    QString errors;  // what ffprobe complained about while decoding
-    QString codec;
-    int width = 0;
-    int height = 0;
-    int sampleRate = 0;
-    int channels = 0;
-    int frames = 0;
-};
-// Decodes every frame of `bytes`, given as a file in `format` (an ffmpeg
-// demuxer: "h264", "hevc", "aac", "alaw"...).
-Probe ffprobe(const QByteArray& bytes, const QString& format);
 
 // The AAC frames as an ADTS stream (AAC-LC of that rate and channel count).
 QByteArray adts(const QList<Unit>& audio, int sampleRate, int channels);

@@ -132,7 +132,7 @@ TEST_P(FileContainers, VideoComesOutAsAnnexBThatDecodesFrameForFrame)
     const QList<Unit> video = r.sink.units(true);
     ASSERT_EQ(video.size(), 50);
     EXPECT_EQ(video.first().frameType, 0);
-    for (const Unit& u : video) ASSERT_TRUE(u.head.startsWith(kStart));
+    for (const Unit& u : video) ASSERT_TRUE(u.bytes.startsWith(kStart));
     QByteArray stream = r.sink.videoBytes();
     // In MKV the H.265 parameter sets live only in the configuration record
     // that the announcement carries; a decoder gets them from there.
@@ -197,7 +197,7 @@ TEST(FileBroken, MissingUnplayableTruncatedAndTrashedFiles)
     r.setData({{"path", rig::media("bad.flv")}});
     ASSERT_TRUE(r.waitEvent("EOF", 2, 15000));
     EXPECT_GT(r.sink.count(true), played);
-    for (const Unit& u : r.sink.units(true)) ASSERT_TRUE(u.head.startsWith(kStart));
+    for (const Unit& u : r.sink.units(true)) ASSERT_TRUE(u.bytes.startsWith(kStart));
 }
 
 TEST(FileGraph, TheExampleGraphPlaysAFileThroughVeskhost)

@@ -65,7 +65,7 @@ void expectDecodes(const rig::Sink& sink)
     const QList<Unit> video = sink.units(true);
     ASSERT_FALSE(video.isEmpty());
     EXPECT_EQ(video.first().frameType, 0);
-    for (const Unit& u : video) ASSERT_TRUE(u.head.startsWith(kStart));
+    for (const Unit& u : video) ASSERT_TRUE(u.bytes.startsWith(kStart));
     const rig::Probe p = rig::ffprobe(sink.videoBytes(), "h264");
     ASSERT_TRUE(p.ok) << p.errors.toStdString();
     EXPECT_EQ(p.codec, "h264");
@@ -140,7 +140,7 @@ TEST(NetHttp, LengthPrefixedFlvBecomesAnnexBWithParameterSetsOnKeyFrames)
     for (const Unit& u : r.sink.units(true)) {
         if (u.frameType != 0) continue;
         ++keys;
-        EXPECT_EQ(u.head.left(5), kStart + char(0x67)) << "the SPS leads every key frame";
+        EXPECT_EQ(u.bytes.left(5), kStart + char(0x67)) << "the SPS leads every key frame";
     }
     EXPECT_GE(keys, 2);
     expectDecodes(r.sink);
@@ -258,7 +258,7 @@ TEST(NetCorrupt, TrashedFlvNeverBreaksTheNodeAndEveryUnitLeavesStartCoded)
     r.add("VeskInputNet", {{"path", QStringLiteral("http://127.0.0.1:%1/bad.flv").arg(port)}});
     ASSERT_TRUE(r.waitEvent("timeout", 2, 20000)) << "read to its end, twice";
     ASSERT_GT(r.sink.count(true), 20);
-    for (const Unit& u : r.sink.units(true)) EXPECT_TRUE(u.head.startsWith(kStart));
+    for (const Unit& u : r.sink.units(true)) EXPECT_TRUE(u.bytes.startsWith(kStart));
 }
 
 QJsonObject probe(const QStringList& args, int* code)
