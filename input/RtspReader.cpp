@@ -118,21 +118,20 @@ RtspReader::Result RtspReader::readFrames(RtspByteSource& in)
     char scratch[kScratch];
     while (client.sessionStep() == 5 && in.connected() && in.available() > 0) {
         if (remaining == 0 && !discarding) {
-            const int need = 4 - frameHeader.size();
+            const int need = 4 - frameHeaderLen;
             if (need > 0) {
-                char head[4];
-                const int64_t n = in.read(head, need);
+                const int64_t n = in.read(frameHeader + frameHeaderLen, need);
                 if (n <= 0) break;
-                frameHeader.append(head, int(n));
-                if (frameHeader.size() < 4) continue;
+                frameHeaderLen += int(qMin<int64_t>(n, need));
+                if (frameHeaderLen < 4) continue;
             }
             // The header stays as it is: every later read, in this session
             // and the next, stops here again.
-            if (frameHeader.at(0) != '$') {
+            if (frameHeader[0] != '$') {
                 client.log(QStringLiteral("ERROR"));
                 return BadFrame;
             }
-            const auto* h = reinterpret_cast<const uint8_t*>(frameHeader.constData());
+            const auto* h = reinterpret_cast<const uint8_t*>(frameHeader);
             frameChannel = h[1];
             remaining = h[2] * 256 + h[3];
             frameLen = 0;
@@ -145,7 +144,7 @@ RtspReader::Result RtspReader::readFrames(RtspByteSource& in)
                 discarding = true;
             }
             if (frameChannel == 3) client.keepAliveDue();
-            frameHeader.clear();
+            frameHeaderLen = 0;
         }
         if (remaining > 0) {
             const int64_t n = discarding

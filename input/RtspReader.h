@@ -60,7 +60,9 @@ public:
     void reset();
 
     QMap<QString, QString> msg;
-    QByteArray frameHeader;
+    // A fixed array: a QByteArray here was freed and grown again per frame.
+    char frameHeader[4] = {};
+    int frameHeaderLen = 0;
     int32_t remaining = 0;
     char* frameBuf = nullptr;
     int32_t frameLen = 0;

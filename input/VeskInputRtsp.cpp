@@ -6,6 +6,7 @@
 #include <QThread>
 #include <QVariantMap>
 #include <climits>
+#include <cstring>
 
 #include "frame/VeskHi.h"
 #include "frame/VeskRegister.h"
@@ -15,6 +16,11 @@ VESK_REGISTER(VeskInputRtsp)
 namespace {
 
 constexpr int kHeadroom = 20;
+// A `$` frame's length is 16 bits. The room in front and the tail behind
+// match what a pool buffer with kHeadroom would have.
+constexpr int kMaxFrame = 65535;
+constexpr int kScratchRoom = (kHeadroom + 15) & ~15;
+constexpr int kScratchTail = 64;
 constexpr int kRetryMs = 3000;
 constexpr int kConnectMs = 3000;
 constexpr uint16_t kFirstUdpPort = 50000;
@@ -534,7 +540,16 @@ void VeskInputRtsp::onReadTCP()
 
 char* VeskInputRtsp::frameBuffer(int len)
 {
-    return bufferData(nullptr, len, kHeadroom);
+    // parseA sends packets that point into the frame itself, so an audio
+    // frame must live in a buffer the graph can hold on to.
+    if (reader.frameChannel == 2) return bufferData(nullptr, len, kHeadroom);
+    if (len < 0 || len > kMaxFrame) return nullptr;
+    if (!frameScratch) frameScratch.reset(new char[kScratchRoom + kMaxFrame + kScratchTail]);
+    char* p = frameScratch.get() + kScratchRoom;
+    // Zeroed like a pool buffer's tail, so that nothing past the frame ever
+    // reads what an earlier frame left.
+    std::memset(p + len, 0, kScratchTail);
+    return p;
 }
 
 void VeskInputRtsp::keepAliveDue()

@@ -13,6 +13,7 @@
 #include <QTimer>
 #include <QUdpSocket>
 #include <cstdint>
+#include <memory>
 
 #include "frame/VeskObject.h"
 #include "input/RtpMedia.h"
@@ -94,6 +95,11 @@ private:
 
     RtspMedia media;
     RtspReader reader;
+    // Where video and RTCP frames are read to: their bytes are copied on
+    // (or not used at all) before the next frame starts, so a pool buffer,
+    // with the host's lock taken for it, would be wasted on each. Taken on
+    // the first such frame, as a UDP session never needs it.
+    std::unique_ptr<char[]> frameScratch;
     // Set by start, cleared by a stop from outside; the session's own
     // failures leave it set, which is what keeps the retries going.
     bool running = false;
