@@ -435,14 +435,14 @@ std::shared_ptr<ChipEmulator> Board::chip(const QString& name) const
 }
 
 // ---------------------------------------------------------------- scenarios
-static QByteArray fileContent(const QVariant& spec, QString* error = nullptr)
+static QByteArray fileContent(const QVariant& content, QString* error = nullptr)
 {
-    const QString builtin = spec.toMap().value("builtin").toString();
+    const QString builtin = content.toMap().value("builtin").toString();
     if (!builtin.isEmpty() && !builtinFiles().contains(builtin) && error)
         *error = QString("scenario: no built-in file \"%1\" (known: %2)")
                      .arg(builtin, builtinFiles().join(", "));
-    if (spec.type() == QVariant::String) return spec.toString().toUtf8();
-    QVariantMap m = spec.toMap();
+    if (content.type() == QVariant::String) return content.toString().toUtf8();
+    QVariantMap m = content.toMap();
     if (m.contains("hex")) return QByteArray::fromHex(m.value("hex").toString().toLatin1());
     if (m.contains("base64")) return QByteArray::fromBase64(m.value("base64").toString().toLatin1());
     if (m.contains("text")) return m.value("text").toString().toUtf8();
