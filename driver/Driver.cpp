@@ -1,5 +1,8 @@
 #include "driver/Driver.h"
 
+#include <QThread>
+#include <functional>
+
 #include "driver/DriverBase.h"
 #include "driver/video/Driver6604.h"
 #include "driver/video/Driver7611.h"
@@ -7,9 +10,6 @@
 #include "driver/video/DriverFPGA.h"
 #include "driver/video/DriverGS2971.h"
 #include "frame/Vesk.h"
-
-#include <QThread>
-#include <functional>
 
 QMap<QString, DriverBase*> Driver::driverMapV;
 QMap<QString, DriverBase*> Driver::driverMapA;
@@ -75,8 +75,14 @@ void bringUp(DriverBase* driver, const QMap<QString, QVariant>& settings)
 }
 }  // namespace
 
-DriverBase* Driver::createV(const QString& chip) { return create(videoTable(), chip); }
-DriverBase* Driver::createA(const QString& chip) { return create(audioTable(), chip); }
+DriverBase* Driver::createV(const QString& chip)
+{
+    return create(videoTable(), chip);
+}
+DriverBase* Driver::createA(const QString& chip)
+{
+    return create(audioTable(), chip);
+}
 
 void Driver::initV()
 {

@@ -1,15 +1,16 @@
 #include "driver/DriverBase.h"
 
-#include "frame/VeskSys.h"
+#include <fcntl.h>
+#include <linux/i2c-dev.h>
+#include <linux/i2c.h>
+#include <sys/mman.h>
 
 #include <QDebug>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <linux/i2c-dev.h>
-#include <linux/i2c.h>
-#include <sys/mman.h>
+
+#include "frame/VeskSys.h"
 
 QMutex DriverBase::mutex;
 DriverBase::MemMapNode* DriverBase::pTMMAPNode = nullptr;
@@ -29,9 +30,15 @@ QMap<QString, QVariant> DriverBase::getInfo()
     return info;
 }
 
-QMap<QString, QVariant> DriverBase::getData() { return data; }
+QMap<QString, QVariant> DriverBase::getData()
+{
+    return data;
+}
 
-int DriverBase::getSamplerate() { return samplerate; }
+int DriverBase::getSamplerate()
+{
+    return samplerate;
+}
 
 void DriverBase::setData(QMap<QString, QVariant> newData)
 {
@@ -50,7 +57,10 @@ void DriverBase::setData(QMap<QString, QVariant> newData)
 
 void DriverBase::init() {}
 
-QVariant DriverBase::callFunc(QString, QVariant) { return QVariant(true); }
+QVariant DriverBase::callFunc(QString, QVariant)
+{
+    return QVariant(true);
+}
 
 void DriverBase::onCheck() {}
 
@@ -159,9 +169,18 @@ int DriverBase::write2_8(unsigned int dev, unsigned int reg, unsigned int value)
 {
     return write(2, dev, reg, value, 1, 1);
 }
-int DriverBase::read0_8(unsigned int dev, unsigned int reg) { return read(0, dev, reg, 1, 1); }
-int DriverBase::read1_8(unsigned int dev, unsigned int reg) { return read(1, dev, reg, 1, 1); }
-int DriverBase::read2_8(unsigned int dev, unsigned int reg) { return read(2, dev, reg, 1, 1); }
+int DriverBase::read0_8(unsigned int dev, unsigned int reg)
+{
+    return read(0, dev, reg, 1, 1);
+}
+int DriverBase::read1_8(unsigned int dev, unsigned int reg)
+{
+    return read(1, dev, reg, 1, 1);
+}
+int DriverBase::read2_8(unsigned int dev, unsigned int reg)
+{
+    return read(2, dev, reg, 1, 1);
+}
 
 // ---------------------------------------------------------------- bit-banged I2C
 
@@ -172,7 +191,8 @@ static QByteArray gpioI2cPath(int index)
     return p;
 }
 
-bool DriverBase::swrite(unsigned int dev, unsigned int reg, unsigned int value, int index, bool wide)
+bool DriverBase::swrite(unsigned int dev, unsigned int reg, unsigned int value, int index,
+                        bool wide)
 {
     int f = vsys::open(gpioI2cPath(index).constData(), O_RDONLY);
     if (f < 0) return false;

@@ -3,11 +3,11 @@
 // few display wrappers. Implemented by the hosting process.
 #pragma once
 
-#include "frame/VeskObject.h"
-#include "frame/hi_types.h"
-
 #include <QRect>
 #include <cstdint>
+
+#include "frame/VeskObject.h"
+#include "frame/hi_types.h"
 
 class HiVpss {
 public:

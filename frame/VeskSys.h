@@ -4,10 +4,11 @@
 // this seam may call these functions of libc directly.
 #pragma once
 
+#include <sys/types.h>
+
 #include <QString>
 #include <cstddef>
 #include <cstdint>
-#include <sys/types.h>
 
 struct stat;
 

@@ -2,9 +2,9 @@
 // register-polled receiver, captured by video input device 0, channel 0 over
 // BT.1120, and a source that comes, changes and goes. The board also carries
 // its no-signal picture and a test JPEG for still-picture sources.
-#include "sim/VirtualBoard.h"
-
 #include <QJsonDocument>
+
+#include "sim/VirtualBoard.h"
 
 namespace vsim {
 

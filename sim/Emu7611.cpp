@@ -53,7 +53,7 @@ void Emu7611::setSource(const QVariantMap& source)
     hdmi->setReg(0x0A, uint8_t(lines & 0xFF));
     hdmi->setReg(0x0B, interlace ? 0x20 : 0x00);
     int range = source.contains("range") ? source.value("range").toInt()
-                                          : (source.value("full", true).toBool() ? 1 : 2);
+                                         : (source.value("full", true).toBool() ? 1 : 2);
     hdmi->setReg(0x53, uint8_t(range & 0x0F));
     cp->setReg(0xB8, uint8_t((divisor >> 8) & 0x1F));
     cp->setReg(0xB9, uint8_t(divisor & 0xFF));

@@ -1,10 +1,11 @@
 #include "sim/I2cBus.h"
 
-#include <cerrno>
-#include <cstring>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 #include <sys/mman.h>
+
+#include <cerrno>
+#include <cstring>
 
 namespace vsim {
 
@@ -39,29 +40,30 @@ std::shared_ptr<I2cDevice> I2cBus::target(uint16_t addr7)
 long I2cBus::ioctl(uint64_t& cookie, unsigned long request, void* arg, unsigned long iarg)
 {
     switch (request) {
-    case I2C_SLAVE:
-    case I2C_SLAVE_FORCE: {
-        std::lock_guard<std::mutex> g(lock);
-        if (selectFails) return -EBUSY;
-        if (iarg > 0x7F) return -EINVAL;
-        cookie = iarg | (1ull << 32);
-        return 0;
-    }
-    case I2C_RDWR: {
-        auto* xfer = static_cast<i2c_rdwr_ioctl_data*>(arg);
-        if (!xfer || !xfer->msgs || xfer->nmsgs > I2C_RDWR_IOCTL_MAX_MSGS) return -EINVAL;
-        for (unsigned i = 0; i < xfer->nmsgs; i++) {
-            const i2c_msg& m = xfer->msgs[i];
-            if (m.len && !m.buf) return -EFAULT;
-            auto dev = target(m.addr);
-            if (!dev) return -ENXIO;
-            bool ok = (m.flags & I2C_M_RD) ? dev->i2cRead(m.buf, m.len) : dev->i2cWrite(m.buf, m.len);
-            if (!ok) return -EREMOTEIO;
+        case I2C_SLAVE:
+        case I2C_SLAVE_FORCE: {
+            std::lock_guard<std::mutex> g(lock);
+            if (selectFails) return -EBUSY;
+            if (iarg > 0x7F) return -EINVAL;
+            cookie = iarg | (1ull << 32);
+            return 0;
         }
-        return long(xfer->nmsgs);
-    }
-    default:
-        return -ENOTTY;
+        case I2C_RDWR: {
+            auto* xfer = static_cast<i2c_rdwr_ioctl_data*>(arg);
+            if (!xfer || !xfer->msgs || xfer->nmsgs > I2C_RDWR_IOCTL_MAX_MSGS) return -EINVAL;
+            for (unsigned i = 0; i < xfer->nmsgs; i++) {
+                const i2c_msg& m = xfer->msgs[i];
+                if (m.len && !m.buf) return -EFAULT;
+                auto dev = target(m.addr);
+                if (!dev) return -ENXIO;
+                bool ok =
+                    (m.flags & I2C_M_RD) ? dev->i2cRead(m.buf, m.len) : dev->i2cWrite(m.buf, m.len);
+                if (!ok) return -EREMOTEIO;
+            }
+            return long(xfer->nmsgs);
+        }
+        default:
+            return -ENOTTY;
     }
 }
 

@@ -1,9 +1,9 @@
 // Device nodes of the board's buses: /dev/i2c-N and /dev/gpio_i2c*.
 #pragma once
 
-#include "sim/VirtualBoard.h"
-
 #include <map>
+
+#include "sim/VirtualBoard.h"
 
 namespace vsim {
 
@@ -43,7 +43,8 @@ private:
 // alignment rules behave as on the board.
 class PhysMem : public Device {
 public:
-    void* mmap(uint64_t& cookie, void* addr, size_t len, int prot, int flags, off_t offset) override;
+    void* mmap(uint64_t& cookie, void* addr, size_t len, int prot, int flags,
+               off_t offset) override;
 };
 
 }  // namespace vsim

@@ -1,17 +1,18 @@
 // The seam on the virtual board: device paths and board files are answered
 // by the board while it is active, everything else is plain Linux.
-#include "frame/VeskSys.h"
-#include "sim/VirtualBoard.h"
-
-#include <QFileInfo>
-#include <cerrno>
-#include <cstdlib>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <QFileInfo>
+#include <cerrno>
+#include <cstdlib>
+
+#include "frame/VeskSys.h"
+#include "sim/VirtualBoard.h"
 
 using vsim::Board;
 
@@ -78,7 +79,8 @@ int ioctl(int fd, unsigned long request, void* arg)
 {
     Board::Open* o = nullptr;
     if (Board::instance().lookupFd(fd, &o))
-        return int(finish(o->device->ioctl(o->cookie, request, arg, reinterpret_cast<unsigned long>(arg))));
+        return int(finish(
+            o->device->ioctl(o->cookie, request, arg, reinterpret_cast<unsigned long>(arg))));
     return ::ioctl(fd, request, arg);
 }
 
@@ -98,7 +100,10 @@ void* mmap(void* addr, size_t len, int prot, int flags, int fd, off_t offset)
     return ::mmap(addr, len, prot, flags, fd, offset);
 }
 
-int munmap(void* addr, size_t len) { return ::munmap(addr, len); }
+int munmap(void* addr, size_t len)
+{
+    return ::munmap(addr, len);
+}
 
 int stat(const char* path, struct stat* st)
 {
@@ -132,9 +137,18 @@ ssize_t readlink(const char* path, char* buf, size_t len)
     return ::readlink(b.hostPath(QString::fromLocal8Bit(path)).toLocal8Bit().constData(), buf, len);
 }
 
-int shmget(key_t key, size_t size, int flags) { return ::shmget(key, size, flags); }
-void* shmat(int id, const void* addr, int flags) { return ::shmat(id, addr, flags); }
-int shmdt(const void* addr) { return ::shmdt(addr); }
+int shmget(key_t key, size_t size, int flags)
+{
+    return ::shmget(key, size, flags);
+}
+void* shmat(int id, const void* addr, int flags)
+{
+    return ::shmat(id, addr, flags);
+}
+int shmdt(const void* addr)
+{
+    return ::shmdt(addr);
+}
 
 int system(const char* command)
 {
@@ -146,6 +160,9 @@ int system(const char* command)
     return 0;
 }
 
-QString path(const QString& boardPath) { return Board::instance().hostPath(boardPath); }
+QString path(const QString& boardPath)
+{
+    return Board::instance().hostPath(boardPath);
+}
 
 }  // namespace vsys

@@ -1,7 +1,9 @@
 #include "sim/VirtualBoard.h"
 
-#include "sim/I2cBus.h"
-#include "sim/MediaPlatform.h"
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <QDebug>
 #include <QDir>
@@ -11,10 +13,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/eventfd.h>
-#include <sys/mman.h>
-#include <unistd.h>
+
+#include "sim/I2cBus.h"
+#include "sim/MediaPlatform.h"
 
 namespace vsim {
 
@@ -46,11 +47,23 @@ bool isBoardPath(const QString& path)
 // ---------------------------------------------------------------- Device
 Device::~Device() = default;
 
-int Device::makeFd() { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }
+int Device::makeFd()
+{
+    return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+}
 
-long Device::ioctl(uint64_t&, unsigned long, void*, unsigned long) { return -ENOTTY; }
-long Device::read(uint64_t&, void*, size_t) { return -EINVAL; }
-long Device::write(uint64_t&, const void*, size_t) { return -EINVAL; }
+long Device::ioctl(uint64_t&, unsigned long, void*, unsigned long)
+{
+    return -ENOTTY;
+}
+long Device::read(uint64_t&, void*, size_t)
+{
+    return -EINVAL;
+}
+long Device::write(uint64_t&, const void*, size_t)
+{
+    return -EINVAL;
+}
 void* Device::mmap(uint64_t&, void*, size_t, int, int, off_t)
 {
     errno = ENODEV;
@@ -359,7 +372,8 @@ uint8_t* Board::mem(uint64_t phys)
     int fd = memFd();
     std::lock_guard<std::mutex> g(lock);
     if (!memBase && fd >= 0) {
-        void* p = ::mmap(nullptr, kMemSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, fd, 0);
+        void* p =
+            ::mmap(nullptr, kMemSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, fd, 0);
         if (p != MAP_FAILED) memBase = static_cast<uint8_t*>(p);
     }
     if (!memBase || phys >= kMemSize) return nullptr;
@@ -444,7 +458,8 @@ static QByteArray fileContent(const QVariant& content, QString* error = nullptr)
     if (content.type() == QVariant::String) return content.toString().toUtf8();
     QVariantMap m = content.toMap();
     if (m.contains("hex")) return QByteArray::fromHex(m.value("hex").toString().toLatin1());
-    if (m.contains("base64")) return QByteArray::fromBase64(m.value("base64").toString().toLatin1());
+    if (m.contains("base64"))
+        return QByteArray::fromBase64(m.value("base64").toString().toLatin1());
     if (m.contains("text")) return m.value("text").toString().toUtf8();
     if (m.contains("builtin")) return builtinFile(m.value("builtin").toString());
     return QByteArray();
@@ -475,7 +490,8 @@ bool Board::applyStep(const QVariantMap& step, QString* error)
             if (error) *error = "scenario: \"i2c\" needs a \"bus\" and a seven-bit \"addr\"";
             return false;
         }
-        if (step.contains("failing")) setI2cFailing(bus, uint8_t(addr), step.value("failing").toBool());
+        if (step.contains("failing"))
+            setI2cFailing(bus, uint8_t(addr), step.value("failing").toBool());
         return true;
     }
     if (step.contains("file")) {

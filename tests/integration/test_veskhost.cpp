@@ -1,10 +1,11 @@
 // The reference host as a user runs it: the signal monitor over the built-in
 // virtual board, and its handling of broken board and graph files.
+#include <gtest/gtest.h>
+
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
-#include <gtest/gtest.h>
 
 namespace {
 

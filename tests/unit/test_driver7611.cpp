@@ -1,10 +1,11 @@
 // The register-polled HDMI receiver against its emulator on bus 1.
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+
 #include "driver/video/Driver7611.h"
 #include "sim/Emu7611.h"
 #include "sim/VirtualBoard.h"
-
-#include <QElapsedTimer>
-#include <gtest/gtest.h>
 
 using vsim::Board;
 using vsim::Emu7611;
@@ -37,12 +38,12 @@ TEST_F(Receiver7611, FollowsSourceAndKeepsLastFormatWhenItGoes)
     EXPECT_EQ(check(), (QVariantMap{{"avalible", false}}));
 
     emu->setSource({{"width", 1920}, {"height", 1080}, {"framerate", 60}});
-    QVariantMap expected{{"avalible", true}, {"width", 1920}, {"height", 1080},
+    QVariantMap expected{{"avalible", true}, {"width", 1920},      {"height", 1080},
                          {"framerate", 60},  {"interlace", false}, {"full", true}};
     EXPECT_EQ(check(), expected);
 
     emu->setSource({{"width", 1280}, {"height", 720}, {"framerate", 50}, {"full", false}});
-    expected = {{"avalible", true}, {"width", 1280}, {"height", 720},
+    expected = {{"avalible", true}, {"width", 1280},      {"height", 720},
                 {"framerate", 50},  {"interlace", false}, {"full", false}};
     EXPECT_EQ(check(), expected);
 
@@ -123,20 +124,23 @@ TEST_F(Receiver7611, InitWritesTheSequenceInOrderAndLoadsTheEdid)
 
     using W = std::vector<std::pair<uint16_t, uint8_t>>;
     EXPECT_EQ(emu->map(Emu7611::kIo)->writes(),
-              (W{{0x01, 0x06}, {0x02, 0xF5}, {0x03, 0x80}, {0x05, 0x2C}, {0x06, 0xA6},
-                 {0x0B, 0x44}, {0x0C, 0x42}, {0x14, 0x3F}, {0x15, 0xBE}, {0x19, 0x94},
-                 {0x33, 0x40}, {0xF4, 0x80}, {0xF5, 0x7C}, {0xF8, 0x4C}, {0xF9, 0x64},
-                 {0xFA, 0x6C}, {0xFB, 0x68}, {0xFD, 0x44}, {0x20, 0x70}, {0x20, 0xF0},
-                 {0x15, 0xA0}}));
+              (W{{0x01, 0x06}, {0x02, 0xF5}, {0x03, 0x80}, {0x05, 0x2C}, {0x06, 0xA6}, {0x0B, 0x44},
+                 {0x0C, 0x42}, {0x14, 0x3F}, {0x15, 0xBE}, {0x19, 0x94}, {0x33, 0x40}, {0xF4, 0x80},
+                 {0xF5, 0x7C}, {0xF8, 0x4C}, {0xF9, 0x64}, {0xFA, 0x6C}, {0xFB, 0x68}, {0xFD, 0x44},
+                 {0x20, 0x70}, {0x20, 0xF0}, {0x15, 0xA0}}));
     EXPECT_EQ(emu->map(Emu7611::kCp)->writes(), (W{{0xBA, 0x01}}));
-    EXPECT_EQ(emu->map(Emu7611::kRepeater)->writes(),
-              (W{{0x40, 0x81}, {0x77, 0x00}, {0x77, 0x00}, {0x52, 0x20}, {0x53, 0x00},
-                 {0x70, 0x9E}, {0x74, 0x03}}));
+    EXPECT_EQ(emu->map(Emu7611::kRepeater)->writes(), (W{{0x40, 0x81},
+                                                         {0x77, 0x00},
+                                                         {0x77, 0x00},
+                                                         {0x52, 0x20},
+                                                         {0x53, 0x00},
+                                                         {0x70, 0x9E},
+                                                         {0x74, 0x03}}));
     W hdmi{{0x9B, 0x03}};
     for (uint16_t r = 0xC1; r <= 0xCC; r++) hdmi.push_back({r, 0x01});
-    W rest{{0x00, 0x00}, {0x83, 0xFE}, {0x6F, 0x08}, {0x85, 0x1F}, {0x87, 0x70}, {0x8D, 0x04},
-           {0x8E, 0x1E}, {0x1A, 0x8A}, {0x57, 0xDA}, {0x58, 0x01}, {0x75, 0x10}, {0x6C, 0xA7},
-           {0x6C, 0xA6}};
+    W rest{{0x00, 0x00}, {0x83, 0xFE}, {0x6F, 0x08}, {0x85, 0x1F}, {0x87, 0x70},
+           {0x8D, 0x04}, {0x8E, 0x1E}, {0x1A, 0x8A}, {0x57, 0xDA}, {0x58, 0x01},
+           {0x75, 0x10}, {0x6C, 0xA7}, {0x6C, 0xA6}};
     hdmi.insert(hdmi.end(), rest.begin(), rest.end());
     EXPECT_EQ(emu->map(Emu7611::kHdmi)->writes(), hdmi);
     EXPECT_EQ(emu->edid(), edid);

@@ -1,9 +1,9 @@
 // Register access of the driver base against the virtual board's buses and
 // physical memory: byte orders on the wire, failure results, mappings.
+#include <gtest/gtest.h>
+
 #include "driver/DriverBase.h"
 #include "sim/VirtualBoard.h"
-
-#include <gtest/gtest.h>
 
 using vsim::Board;
 

@@ -1,13 +1,14 @@
 // The registry from interface names to chip drivers, built from a board
 // description. Every test runs in a process of its own, so each one sees the
 // one-shot initialisation fresh.
+#include <gtest/gtest.h>
+
+#include <QThread>
+
 #include "driver/Driver.h"
 #include "driver/DriverBase.h"
 #include "host/VeskHost.h"
 #include "sim/VirtualBoard.h"
-
-#include <QThread>
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -16,7 +17,10 @@ QVariantMap board(const QVariantMap& video, const QVariantMap& audio)
     return QVariantMap{{"interfaceV", video}, {"interfaceA", audio}};
 }
 
-QString classOf(DriverBase* d) { return d ? d->metaObject()->className() : QString("none"); }
+QString classOf(DriverBase* d)
+{
+    return d ? d->metaObject()->className() : QString("none");
+}
 
 class Registry : public ::testing::Test {
 protected:
@@ -54,7 +58,8 @@ TEST_F(Registry, DriversGetTheWholeInterfaceMapAndTheCallingThread)
     worker.start();
     QObject context;
     context.moveToThread(&worker);
-    QMetaObject::invokeMethod(&context, [] { Driver::initV(); }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        &context, [] { Driver::initV(); }, Qt::BlockingQueuedConnection);
     DriverBase* d = Driver::driverMapV.value("hdmi");
     ASSERT_NE(d, nullptr);
     EXPECT_EQ(d->getData(), hdmi);
@@ -65,12 +70,12 @@ TEST_F(Registry, DriversGetTheWholeInterfaceMapAndTheCallingThread)
 
 TEST_F(Registry, VideoDriverServesEmbeddedAudioOnlyWhenTheAudioEntryHasAChip)
 {
-    VeskHost::setConfig(board({{"hdmi1", QVariantMap{{"chip", "7611"}}},
-                               {"hdmi2", QVariantMap{{"chip", "7611"}}}},
-                              {{"hdmi1", QVariantMap{{"chip", "whatever"}}},
-                               {"hdmi2", QVariantMap{{"alsa", "hw:1,0"}}},
-                               {"line", QVariantMap{{"chip", "tlv32"}}},
-                               {"mic", QVariantMap{{"alsa", "hw:2,0"}}}}));
+    VeskHost::setConfig(
+        board({{"hdmi1", QVariantMap{{"chip", "7611"}}}, {"hdmi2", QVariantMap{{"chip", "7611"}}}},
+              {{"hdmi1", QVariantMap{{"chip", "whatever"}}},
+               {"hdmi2", QVariantMap{{"alsa", "hw:1,0"}}},
+               {"line", QVariantMap{{"chip", "tlv32"}}},
+               {"mic", QVariantMap{{"alsa", "hw:2,0"}}}}));
     // Before the video side is built, a shared name has no audio driver.
     Driver::initA();
     EXPECT_FALSE(Driver::driverMapA.contains("hdmi1"));
@@ -97,7 +102,8 @@ TEST_F(Registry, InitialisationHappensOnce)
 
 TEST_F(Registry, UnknownNamesAnswerNeutrallyAndNeverInsert)
 {
-    VeskHost::setConfig(board({{"a", QVariantMap{{"chip", "7611"}}}}, {{"x", QVariantMap{{"chip", "tlv32"}}}}));
+    VeskHost::setConfig(
+        board({{"a", QVariantMap{{"chip", "7611"}}}}, {{"x", QVariantMap{{"chip", "tlv32"}}}}));
     Driver::initV();
     Driver::initA();
     EXPECT_EQ(Driver::getInfoV("nope"), QVariantMap());
