@@ -378,6 +378,19 @@ void VeskInputRtsp::onTimerAlive()
 
 // ---- messages ------------------------------------------------------------------
 
+void VeskInputRtsp::sendSetup(const QString& control, const QUdpSocket& rtp, const QUdpSocket& rtcp,
+                              const QString& channels)
+{
+    const bool udp = data.value(QStringLiteral("protocol")).toString() == QLatin1String("udp");
+    Message m = newMsg(QStringLiteral("SETUP"), control);
+    m.insert(QStringLiteral("Transport"),
+             udp ? QStringLiteral("RTP/AVP;unicast;client_port=%1-%2")
+                       .arg(rtp.localPort())
+                       .arg(rtcp.localPort())
+                 : QStringLiteral("RTP/AVP/TCP;unicast;interleaved=") + channels);
+    sendMsg(m);
+}
+
 VeskInputRtsp::Message VeskInputRtsp::newMsg(const QString& method, const QString& uri)
 {
     Message msg;
@@ -454,7 +467,6 @@ void VeskInputRtsp::handleMsg(Message msg)
         handleMsg(msg);
         --reentry;
     };
-    const bool udp = data.value(QStringLiteral("protocol")).toString() == QLatin1String("udp");
 
     switch (step) {
         case 0:
@@ -473,13 +485,7 @@ void VeskInputRtsp::handleMsg(Message msg)
                 again();
                 return;
             }
-            Message m = newMsg(QStringLiteral("SETUP"), media.controlV);
-            m.insert(QStringLiteral("Transport"),
-                     udp ? QStringLiteral("RTP/AVP;unicast;client_port=%1-%2")
-                               .arg(udpV.localPort())
-                               .arg(udpRtcpV.localPort())
-                         : QStringLiteral("RTP/AVP/TCP;unicast;interleaved=0-1"));
-            sendMsg(m);
+            sendSetup(media.controlV, udpV, udpRtcpV, QStringLiteral("0-1"));
             break;
         }
         case 3: {
@@ -488,13 +494,7 @@ void VeskInputRtsp::handleMsg(Message msg)
                 again();
                 return;
             }
-            Message m = newMsg(QStringLiteral("SETUP"), media.controlA);
-            m.insert(QStringLiteral("Transport"),
-                     udp ? QStringLiteral("RTP/AVP;unicast;client_port=%1-%2")
-                               .arg(udpA.localPort())
-                               .arg(udpRtcpA.localPort())
-                         : QStringLiteral("RTP/AVP/TCP;unicast;interleaved=2-3"));
-            sendMsg(m);
+            sendSetup(media.controlA, udpA, udpRtcpA, QStringLiteral("2-3"));
             break;
         }
         case 4: {

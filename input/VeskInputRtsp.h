@@ -29,6 +29,9 @@ public:
 
     Message newMsg(const QString& method, const QString& uri);
     void sendMsg(Message msg);
+    // SETUP of one track: UDP port pair or interleaved channel pair.
+    void sendSetup(const QString& control, const QUdpSocket& rtp, const QUdpSocket& rtcp,
+                   const QString& channels);
     void handleMsg(Message msg);
     void init();
     static QString md5(const QString& text);

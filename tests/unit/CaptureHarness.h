@@ -18,6 +18,7 @@
 
 #include "host/VeskGraph.h"
 #include "host/VeskHost.h"
+#include "tests/host/HostTestUtil.h"
 #include "sim/MediaPlatform.h"
 #include "sim/VirtualBoard.h"
 
@@ -82,18 +83,7 @@ private:
     }
 };
 
-// Spins the main loop until `done` holds or the time is up.
-inline bool waitFor(const std::function<bool()>& done, int ms = 3000)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!done()) {
-        if (t.elapsed() > ms) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        QThread::usleep(500);
-    }
-    return true;
-}
+using ::waitFor;
 
 // Runs `f` in the thread that owns `node` and hands back its result.
 template <typename F>
