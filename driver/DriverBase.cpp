@@ -43,10 +43,9 @@ int DriverBase::getSamplerate()
 void DriverBase::setData(QMap<QString, QVariant> newData)
 {
     for (auto it = newData.begin(); it != newData.end();) {
-        auto cur = data.constFind(it.key());
-        QVariant old = cur == data.constEnd() ? QVariant() : cur.value();
-        if (old != it.value()) {
-            data[it.key()] = it.value();
+        QVariant& current = data[it.key()];
+        if (current != it.value()) {
+            current = it.value();
             ++it;
         } else {
             it = newData.erase(it);

@@ -72,7 +72,8 @@ public:
 
 class VeskHi {
 public:
-    static void getPTS(void* out, bool raw);
+    // Also returns the time, for callers that pass a null `out`.
+    static long long getPTS(void* out, bool raw);
     static void setPTSOffset(long long offset);
     static bool absPTS;
     static VeskTee* newTee(int module, int device, int channel);

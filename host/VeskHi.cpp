@@ -43,19 +43,21 @@ constexpr int kScalerModule = 32;
 
 bool VeskHi::absPTS = false;
 
-void VeskHi::getPTS(void* out, bool)
+long long VeskHi::getPTS(void* out, bool)
 {
-    if (!out) return;
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     const int64_t us = static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000 +
                        ptsOffset.load(std::memory_order_relaxed);
-    std::memcpy(out, &us, sizeof us);
+    if (out) std::memcpy(out, &us, sizeof us);
+    return us;
 }
 
+// Offsets add up: a caller that read the clock and wants it to show `us`
+// moves it by us - pts.
 void VeskHi::setPTSOffset(long long offset)
 {
-    ptsOffset.store(offset);
+    ptsOffset.fetch_add(offset);
 }
 
 // ---- tees --------------------------------------------------------------------
@@ -269,6 +271,8 @@ bool usable(const MemInfo* m, int plane)
 int IVE::copy(int* handle, MemInfo* src, MemInfo* dst, QRect rect, td_bool)
 {
     if (!usable(src, 0) || !usable(dst, 0)) return TD_FAILURE;
+    // An empty rectangle stands for the whole picture.
+    if (rect.isEmpty()) rect = QRect(0, 0, int(src->width), int(src->height));
     const QRect area = rect.intersected(QRect(0, 0, int(src->width), int(src->height)))
                            .intersected(QRect(0, 0, int(dst->width), int(dst->height)));
     if (handle) *handle = nextIveHandle.fetch_add(1);

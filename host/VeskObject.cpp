@@ -294,13 +294,15 @@ VeskObject::~VeskObject()
 
 void VeskObject::setData(QMap<QString, QVariant> newData)
 {
+    // data[key] inserts a key it does not know, as an invalid value: a new
+    // key whose value is invalid too is then no change, but stands in data.
     for (auto it = newData.begin(); it != newData.end();) {
-        auto current = data.find(it.key());
-        if (current != data.end() && current.value() == it.value()) {
+        QVariant& current = data[it.key()];
+        if (current == it.value()) {
             it = newData.erase(it);
             continue;
         }
-        data.insert(it.key(), it.value());
+        current = it.value();
         ++it;
     }
     // Nodes rebuild unconditionally in onSetData, and a stable signal is

@@ -239,14 +239,11 @@ int veskProbe(const QStringList& args)
     QTimer::singleShot(qRound64(seconds * 1000), &loop, &QEventLoop::quit);
     loop.exec();
 
-    // What happens while the node winds down is not part of the probe.
+    // What happens while the node winds down is not part of the probe, and
+    // the report comes first: a read blocked on a silent peer keeps the
+    // node until its "timeout" has run out.
     QObject::disconnect(watch);
     VeskHost::detach(&sink);
-    // A read blocked on a silent peer ends now instead of at "timeout".
-    if (QThread* t = node->thread()) t->requestInterruption();
-    graph.stop(QStringLiteral("probe"));
-    graph.shutdown();
-
     const bool flowed = sink.video.packets + sink.audio.packets > 0;
     const bool ok = ready.isValid() && flowed;
     if (json) {
@@ -264,5 +261,7 @@ int veskProbe(const QStringList& args)
         out(QStringLiteral("video: %1").arg(sink.video.describe()));
         out(QStringLiteral("audio: %1").arg(sink.audio.describe()));
     }
+    graph.stop(QStringLiteral("probe"));
+    graph.shutdown();
     return ok ? 0 : 1;
 }

@@ -27,11 +27,9 @@ RtspReader::Result RtspReader::read(RtspByteSource& in)
 
 void RtspReader::reset()
 {
-    msg.clear();
     remaining = 0;
     frameBuf = nullptr;
     frameLen = 0;
-    replyBytes = 0;
     skippingLine = false;
     discarding = false;
 }

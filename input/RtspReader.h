@@ -55,8 +55,8 @@ public:
     explicit RtspReader(RtspReaderClient& client) : client(client) {}
 
     Result read(RtspByteSource& in);
-    // A new connection: the partial reply and frame go. The frame header is
-    // deliberately kept (a stray one outlives the session).
+    // A new connection: the partial frame goes. The reply being read and
+    // the frame header are deliberately kept: both outlive the session.
     void reset();
 
     QMap<QString, QString> msg;

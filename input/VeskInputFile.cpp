@@ -37,11 +37,6 @@ bool startsWith4(const char* p, int size)
     return size >= 4 && p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1;
 }
 
-bool startsWith3(const char* p, int size)
-{
-    return size >= 3 && p[0] == 0 && p[1] == 0 && p[2] == 1;
-}
-
 }  // namespace
 
 VeskInputFile::VeskInputFile(QObject* parent) : VeskObject(parent)
@@ -146,7 +141,6 @@ void VeskInputFile::onSetData(QMap<QString, QVariant> newData)
         infoV.params = VeskAv::videoParams(st);
         infoV.params.insert(QStringLiteral("time"), static_cast<qint64>(hostNow()));
         const AVCodecParameters* par = st->codecpar;
-        startCodeStream = !par->extradata || par->extradata_size <= 0 || par->extradata[0] == 0;
         if (par->extradata && par->extradata_size > 0)
             extradata = VeskAv::annexBParameterSets(
                 QByteArray(reinterpret_cast<const char*>(par->extradata), par->extradata_size));
@@ -232,31 +226,21 @@ void VeskInputFile::handleVideo(AVPacket* pkt)
     const bool key = pkt->flags == AV_PKT_FLAG_KEY;
     const int size = pkt->size;
     const char* src = reinterpret_cast<const char*>(pkt->data);
-    const bool four = startsWith4(src, size);
-    // A stream in start-code form (TS, elementary streams) may begin a unit
-    // with the three-byte code; read as a length it would be cut apart.
-    // Streams with a configuration record always carry lengths, whatever
-    // their first bytes look like.
-    const bool three = !four && startCodeStream && startsWith3(src, size);
-    // As the network source does: H.265 units leave with a four-byte code.
-    const int pad = three && infoV.type == TypeH265 ? 1 : 0;
 
     Packet out;
     int lead = 0;
     if (key && infoV.type == TypeH264 && size > 4 && (src[4] & 0x0f) != 7) lead = extradata.size();
-    if (lead + pad == 0) {
-        out.data = bufferData(const_cast<char*>(src), size, 20);
-        if (!out.data) return;
-    } else {
-        out.data = bufferData(nullptr, lead + pad + size, 20);
-        if (!out.data) return;
-        if (lead) std::memcpy(out.data, extradata.constData(), lead);
-        if (pad) out.data[lead] = 0;
-        std::memcpy(out.data + lead + pad, src, size);
+    out.data = bufferData(lead ? nullptr : const_cast<char*>(src), lead + size, 20);
+    if (!out.data) return;
+    if (lead) {
+        std::memcpy(out.data, extradata.constData(), lead);
+        std::memcpy(out.data + lead, src, size);
     }
-    out.len = lead + pad + size;
+    out.len = lead + size;
+    // Whatever the codec: a unit that does not open with a four-byte start
+    // code is a run of lengths, and a broken length drops the packet.
     char* unit = out.data + lead;
-    if (!four && !three &&
+    if (!startsWith4(unit, size) &&
         !VeskAv::lengthsToStartCodesStrict(reinterpret_cast<uint8_t*>(unit), size))
         return;
     out.frameType = key ? 0 : 1;
@@ -291,11 +275,7 @@ QVariant VeskInputFile::seek(QVariant milliseconds)
     deadline.arm(kCallLimitMs);
     const int r = av_seek_frame(context, videoIndex, target, AVSEEK_FLAG_FRAME);
     deadline.disarm();
-    if (r < 0) {
-        // The file goes on where it was; moving the offset would make time jump.
-        logLine(QStringLiteral("seek to %1 ms failed").arg(ms));
-        return true;
-    }
+    if (r < 0) logLine(QStringLiteral("seek to %1 ms failed").arg(ms));
     seekOffset += position - ms * 1000;
     return true;
 }
@@ -344,5 +324,5 @@ QVariant VeskInputFile::getDuration(QVariant pathValue)
     const int64_t duration = ctx->duration;
     avformat_close_input(&ctx);
     avformat_free_context(ctx);
-    return static_cast<qint64>(duration == AV_NOPTS_VALUE || duration < 0 ? 0 : duration / 1000);
+    return static_cast<qint64>(duration / 1000);
 }

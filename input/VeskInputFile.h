@@ -62,9 +62,6 @@ private:
     AVPacket* packet = nullptr;
     bool syncOn = true;
     int64_t lastAudioT = 0;
-    // The video stream has no configuration record: its units are in
-    // start-code form, not length-prefixed.
-    bool startCodeStream = false;
     // A "path" may name anything FFmpeg opens, a stalled network URL too.
     VeskAv::Deadline deadline;
 };

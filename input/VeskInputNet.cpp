@@ -250,7 +250,8 @@ bool VeskInputNet::init()
     if (opened < 0) {
         // FFmpeg has freed the context already.
         context = nullptr;
-        logLine(QStringLiteral("can not open url: %1 (%2)").arg(path, fferror(opened)));
+        logLine(QStringLiteral("can not open url: %1").arg(path));
+        logLine(fferror(opened));
         return false;
     }
     if (!running) return false;
@@ -294,8 +295,6 @@ bool VeskInputNet::init()
                                 QByteArray(reinterpret_cast<const char*>(dsi), 2));
         }
         sendInfoA(infoA);
-    } else {
-        infoA.params.clear();
     }
     if (videoIndex >= 0) {
         const AVStream* st = context->streams[videoIndex];
@@ -304,8 +303,6 @@ bool VeskInputNet::init()
         infoV.params.insert(QStringLiteral("time"), static_cast<qint64>(now));
         infoV.params.insert(QStringLiteral("sync"), timestampMode == 3);
         sendInfoV(infoV);
-    } else {
-        infoV.params.clear();
     }
     clock.hasVideo = videoIndex >= 0;
     clock.videoType = infoV.type;
@@ -315,12 +312,9 @@ bool VeskInputNet::init()
     logLine(QStringLiteral("open done %1").arg(path));
 
     QVariantMap ready;
-    ready.insert(
-        QStringLiteral("infoA"),
-        audioIndex >= 0 ? VeskAv::withCodecName(infoA.params, infoA.type, true) : QVariantMap());
-    ready.insert(
-        QStringLiteral("infoV"),
-        videoIndex >= 0 ? VeskAv::withCodecName(infoV.params, infoV.type, false) : QVariantMap());
+    // What the node announced last, also for a kind this stream lacks.
+    ready.insert(QStringLiteral("infoA"), VeskAv::withCodecName(infoA.params, infoA.type, true));
+    ready.insert(QStringLiteral("infoV"), VeskAv::withCodecName(infoV.params, infoV.type, false));
     sendEvent(QStringLiteral("ready"), ready);
     return true;
 }
@@ -367,10 +361,8 @@ void VeskInputNet::onTimerTimeout()
 int VeskInputNet::interrupt_cb(void* opaque)
 {
     auto* self = static_cast<VeskInputNet*>(opaque);
-    if (self->silentTicks.load(std::memory_order_relaxed) >
-        self->timeoutSeconds.load(std::memory_order_relaxed))
-        return 1;
-    return QThread::currentThread()->isInterruptionRequested() ? 1 : 0;
+    return self->silentTicks.load(std::memory_order_relaxed) >
+           self->timeoutSeconds.load(std::memory_order_relaxed);
 }
 
 QVariant VeskInputNet::getSpeed()
@@ -398,15 +390,12 @@ void VeskInputNet::readPacket()
     const int r = av_read_frame(context, packet);
     if (r < 0) {
         if (!running) return;
-        // A demuxer that keeps failing on garbage without reading anything
-        // would never reach the interrupt callback: silence counts here too.
-        if (r == AVERROR_INVALIDDATA &&
-            silentTicks.load(std::memory_order_relaxed) <= timeoutSeconds.load()) {
+        if (r == AVERROR_INVALIDDATA) {
             needKey = true;
             return;
         }
-        logLine(QStringLiteral("timeout %1 (%2)")
-                    .arg(data.value(QStringLiteral("timeout")).toString(), fferror(r)));
+        logLine(QStringLiteral("timeout %1").arg(data.value(QStringLiteral("timeout")).toString()));
+        logLine(fferror(r));
         sendEvent(QStringLiteral("timeout"), data.value(QStringLiteral("path")).toString());
         reconnect();
         return;

@@ -31,9 +31,8 @@ public:
 
     bool init();
     void closeNet();
-    // FFmpeg's interrupt callback; `opaque` is the node. Also gives up when
-    // the host asked the node's thread to stop (QThread::requestInterruption),
-    // so that a host can shut down without waiting for "timeout".
+    // FFmpeg's interrupt callback; `opaque` is the node. Breaks off a call
+    // once the stream has been silent for longer than "timeout".
     static int interrupt_cb(void* opaque);
 
     static QThread* timerThread;

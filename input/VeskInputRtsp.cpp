@@ -254,7 +254,6 @@ void VeskInputRtsp::endSession()
     udpRtcpA.close();
     udpRtcpV.close();
     keepAliveBacklogLogged = false;
-    ++sessionsEnded;
 }
 
 void VeskInputRtsp::init()
@@ -306,12 +305,7 @@ void VeskInputRtsp::init()
     // Without an address the attempt fails at once; it takes the whole
     // window like an unreachable address does, so that a URL with a host
     // name retries every 6 s rather than flooding the log every 3.
-    // A host shutting down asks the thread to stop; it isn't kept waiting.
-    if (!connected && host.isNull())
-        for (int waited = 0; waited < kConnectMs; waited += 50) {
-            if (QThread::currentThread()->isInterruptionRequested()) break;
-            QThread::msleep(50);
-        }
+    if (!connected && host.isNull()) QThread::msleep(kConnectMs);
     if (!connected) {
         sendEvent(QStringLiteral("error"), path);
         endSession();
@@ -530,11 +524,10 @@ void VeskInputRtsp::sendReady()
 void VeskInputRtsp::onReadTCP()
 {
     if (!running) return;
-    const uint64_t session = sessionsEnded;
     SocketSource in(tcp);
     if (reader.read(in) == RtspReader::BadFrame) return;
-    // A request that found the connection gone has ended the session already.
-    if (sessionsEnded != session) return;
+    // Also when a request inside this read found the connection gone and
+    // ended the session: the stop then runs a second time, with step 0.
     if (tcp.state() != QAbstractSocket::ConnectedState) onDisconnected();
 }
 

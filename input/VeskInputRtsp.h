@@ -106,9 +106,6 @@ private:
     // Set by start, cleared by a stop from outside; the session's own
     // failures leave it set, which is what keeps the retries going.
     bool running = false;
-    // Counts sessions ended, so that a read can tell that its session ended
-    // under it.
-    uint64_t sessionsEnded = 0;
     // Depth of handleMsg feeding a reply to itself to skip a track.
     int reentry = 0;
     bool keepAliveBacklogLogged = false;

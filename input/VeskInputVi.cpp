@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <QDebug>
-#include <QStringList>
 #include <QThread>
 #include <cmath>
 #include <cstring>
@@ -22,12 +21,6 @@ bool VeskInputVi::picInited = false;
 bool VeskInputVi::mipiHsModeSet = false;
 
 namespace {
-
-const QStringList& knownModes()
-{
-    static const QStringList modes = {"bt1120", "bt1120s", "bt1120i", "bt656", "mipi", "lvds"};
-    return modes;
-}
 
 // The capture window inside a picture of width x height: the top edge moves
 // down to a multiple of four lines and the height shrinks to one, as the
@@ -183,54 +176,6 @@ void VeskInputVi::onTimer()
 
 // ---------------------------------------------------------------- rebuild
 
-bool VeskInputVi::settingsUsable(QString* why) const
-{
-    const QString mode = data.value("mode").toString();
-    if (!knownModes().contains(mode)) {
-        *why =
-            QStringLiteral("\"mode\" \"%1\" is not one of %2").arg(mode, knownModes().join(", "));
-        return false;
-    }
-    const int rotate = data.value("rotate").toInt();
-    if (rotate != 0 && rotate != 90 && rotate != 180 && rotate != 270) {
-        *why = QStringLiteral("\"rotate\" %1 is not 0, 90, 180 or 270").arg(rotate);
-        return false;
-    }
-    bool okW = false, okH = false;
-    const int width = data.value("width").toInt(&okW);
-    const int height = data.value("height").toInt(&okH);
-    // A receiver that cannot be read reports all-ones sizes; this is the
-    // sanity limit that keeps such a picture away from the unit.
-    if (!okW || !okH || width < 1 || height < 1 || width > OT_VI_MAX_WIDTH ||
-        height > OT_VI_MAX_HEIGHT) {
-        *why = QStringLiteral("picture %1x%2 is outside what the input unit takes (%3x%4)")
-                   .arg(data.value("width").toString(), data.value("height").toString())
-                   .arg(int(OT_VI_MAX_WIDTH))
-                   .arg(int(OT_VI_MAX_HEIGHT));
-        return false;
-    }
-    const QVariantMap crop = data.value("crop").toMap();
-    for (const char* side : {"L", "R", "T", "B"}) {
-        if (crop.value(side).toInt() < 0 || crop.value(side).toInt() > OT_VI_MAX_WIDTH) {
-            *why = QStringLiteral("\"crop\" %1 %2 is not a number of pixels")
-                       .arg(side, crop.value(side).toString());
-            return false;
-        }
-    }
-    const Crop c = cropOf(crop, width, height);
-    if (c.width < 1 || c.height < 4 || c.y + c.height > height) {
-        *why = QStringLiteral("\"crop\" L %1 R %2 T %3 B %4 leaves no picture of %5x%6")
-                   .arg(crop.value("L").toInt())
-                   .arg(crop.value("R").toInt())
-                   .arg(crop.value("T").toInt())
-                   .arg(crop.value("B").toInt())
-                   .arg(width)
-                   .arg(height);
-        return false;
-    }
-    return true;
-}
-
 void VeskInputVi::onSetData(QMap<QString, QVariant> newData)
 {
     // 1. The rebuild always starts from a stopped unit.
@@ -254,44 +199,15 @@ void VeskInputVi::onSetData(QMap<QString, QVariant> newData)
             data.insert(b.key(), b.value());
     }
 
-    // 3. Device and channel.
+    // 3. Device and channel. Whatever they are, the unit judges them.
     if (data.contains("did")) {
-        bool okD = false, okC = false;
-        const int d = data.value("did").toInt(&okD);
-        const int c = data.value("cid").toInt(&okC);
-        QString why;
-        if (!okD || d < 0 || d >= OT_VI_MAX_DEV_NUM)
-            why = QStringLiteral("\"did\" %1 is not a video input device (0 to %2)")
-                      .arg(data.value("did").toString())
-                      .arg(OT_VI_MAX_DEV_NUM - 1);
-        else if (!data.contains("cid"))
-            why = QStringLiteral("\"did\" %1 comes without \"cid\"").arg(d);
-        else if (!okC || c < 0 || c >= OT_VI_MAX_CHN_NUM)
-            why = QStringLiteral("\"cid\" %1 is not a video input channel (0 to %2)")
-                      .arg(data.value("cid").toString())
-                      .arg(OT_VI_MAX_CHN_NUM - 1);
-        if (!why.isEmpty()) {
-            if (!iface.isEmpty()) why = QStringLiteral("interface \"%1\": ").arg(iface) + why;
-            log(why + ": capture stays down");
-            dev = -1;
-            chn = -1;
-            devPair = 0;
-            return;
-        }
-        dev = d;
-        chn = c;
-    }
-
-    QString why;
-    if (dev != -1 && !settingsUsable(&why)) {
-        log(why + ": capture stays down");
-        return;
+        dev = data.value("did").toInt();
+        chn = data.value("cid").toInt();
     }
 
     // 4. MIPI and LVDS lanes.
     const QString mode = data.value("mode").toString();
-    if (dev != -1 && (mode == QLatin1String("mipi") || mode == QLatin1String("lvds")))
-        initMipi(dev);
+    if (mode == QLatin1String("mipi") || mode == QLatin1String("lvds")) initMipi(dev);
 
     // 5. Never more frames out than come in; once lowered it stays lowered.
     if (data.value("dstFramerate").toInt() > data.value("srcFramerate").toInt())

@@ -53,8 +53,5 @@ public slots:
 
 private:
     void log(const QString& text) const;
-    // Checks what the rebuild is about to hand the unit; false with the
-    // reason when the capture has to stay down.
-    bool settingsUsable(QString* why) const;
     bool readPicture(const QString& path, const ot_video_frame& frame);
 };

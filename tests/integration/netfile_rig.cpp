@@ -30,8 +30,6 @@ Rig::Rig()
 Rig::~Rig()
 {
     if (source) {
-        // A read blocked on a silent peer ends now, not at "timeout".
-        source->thread()->requestInterruption();
         graph.stop(QStringLiteral("src"));
     }
 }

@@ -80,9 +80,6 @@ Rig::Rig()
 
 Rig::~Rig()
 {
-    // A read blocked on a silent peer, or a connect window being waited
-    // out, ends now rather than at the source's timeout.
-    if (source && source->thread()) source->thread()->requestInterruption();
     VeskHost::detach(&sink);
     graph.shutdown();
     QThread* home = QThread::currentThread();
