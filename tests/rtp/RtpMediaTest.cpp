@@ -77,6 +77,9 @@ const char* kSpsScaling =
 const char* kSpsPoc1 = "674d0028950e3888a00961016824c8";
 const char* kSps265 =
     "420101016000000300900000030000030078a003c08010e596566924caf0168080000003008000000c84";
+const char* kSps265Layers =
+    "4201020408000003009e0800000300003f00009000a0402d2cb2b3159a4932bc05b81010002000000300200000"
+    "030321";
 
 // Decodes the first len bytes of an exact-size copy, so ASan sees any read past them.
 int sps(bool h265, const Bytes& unit, size_t len, int& w, int& h)
@@ -217,15 +220,25 @@ TEST(H264Sps, SizesOfRealUnits)
     EXPECT_EQ(sps(false, hex("68ebe3cb20"), 5, w, h), 0);  // a PPS
 }
 
-TEST(H265Sps, SizeWithAndWithoutNalHeader)
+TEST_F(Media, H265SpsIsReadWithItsHeaderAsIfItWerePayload)
 {
-    const Bytes unit = hex(kSps265);
-    int w = 0, h = 0;
-    EXPECT_EQ(sps(true, unit, unit.size(), w, h), 1);
-    EXPECT_EQ(std::make_pair(w, h), std::make_pair(1920, 1080));
-    w = h = 0;
-    EXPECT_EQ(sps(true, Bytes(unit.begin() + 2, unit.end()), unit.size() - 2, w, h), 1);
-    EXPECT_EQ(std::make_pair(w, h), std::make_pair(1920, 1080));
+    // With one sublayer the header's two bytes are absorbed by the sublayer
+    // fields that the misaligned read sees; with two (x265 temporal layers)
+    // the read goes astray and the SDP announces 0x0.
+    const struct {
+        const char* sps;
+        int width, height;
+    } cases[] = {{kSps265, 1920, 1080}, {kSps265Layers, 0, 0}};
+    for (const auto& c : cases) {
+        const Bytes unit = hex(c.sps);
+        int w = 0, h = 0;
+        EXPECT_EQ(sps(true, Bytes(unit.begin() + 2, unit.end()), unit.size() - 2, w, h), 1);
+        media.parseSDP("m=video 0 RTP/AVP 96\r\na=rtpmap:96 H265/90000\r\na=fmtp:96 sprop-sps=" +
+                           QByteArray::fromHex(c.sps).toBase64() + "\r\n",
+                       "u");
+        EXPECT_EQ(media.infoV.params["width"], c.width) << c.sps;
+        EXPECT_EQ(media.infoV.params["height"], c.height) << c.sps;
+    }
 }
 
 TEST(HostileSps, TruncationAndHugeCodesStayInside)

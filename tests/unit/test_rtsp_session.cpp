@@ -198,14 +198,17 @@ TEST(RtspSession, DigestIsBuiltOverTheBaseUrlAndOtherSchemesGetNoAnswer)
             .arg(challenge, base, response)
             .toLatin1();
     };
+    // OPTIONS passes without credentials; DESCRIBE is refused once and
+    // goes again with the answer to the first of two challenges.
     peer.request(r);
-    peer.send("RTSP/1.0 401 Unauthorized\r\nCSeq: 1\r\nWWW-Authenticate: Digest " +
-              challenge.toLatin1() + "\r\nWWW-Authenticate: Basic realm=\"x\"\r\n\r\n");
-    QByteArray req = peer.request(r);
-    EXPECT_TRUE(req.startsWith("OPTIONS " + base.toLatin1() + " RTSP/1.0\r\n")) << req.data();
-    EXPECT_TRUE(req.contains(expected("OPTIONS"))) << req.data();
     peer.send(ok());
-    EXPECT_TRUE(peer.request(r).contains(expected("DESCRIBE")));
+    QByteArray req = peer.request(r);
+    EXPECT_FALSE(req.contains("Authorization")) << req.data();
+    peer.send("RTSP/1.0 401 Unauthorized\r\nCSeq: 2\r\nWWW-Authenticate: Digest " +
+              challenge.toLatin1() + "\r\nWWW-Authenticate: Basic realm=\"x\"\r\n\r\n");
+    req = peer.request(r);
+    EXPECT_TRUE(req.startsWith("DESCRIBE " + base.toLatin1() + " RTSP/1.0\r\n")) << req.data();
+    EXPECT_TRUE(req.contains(expected("DESCRIBE"))) << req.data();
     peer.send(ok({}, sdp(true, false)));
     // SETUP names the track on its request line but digests the base URL.
     req = peer.request(r);
@@ -225,15 +228,26 @@ TEST(RtspSession, MissingTracksAreSkippedAndOtherStatusesRepeatTheStep)
     struct Case {
         bool video, audio;
         QStringList setups;
+        // The description comes in a segment of its own, after the header,
+        // and is not waited for: to the session it has no tracks.
+        bool late = false;
     };
     for (const Case& c : {Case{true, false, {"trackID=1 "}}, Case{false, true, {"trackID=2 "}},
-                          Case{false, false, {}}}) {
+                          Case{false, false, {}}, Case{false, false, {}, true}}) {
         Peer peer;
         Rig r({{"path", peer.url()}});
         peer.request(r);
         peer.send(ok());
         peer.request(r);
-        peer.send(ok({}, sdp(c.video, c.audio)));
+        if (c.late) {
+            const QByteArray reply = ok({}, sdp(true, true));
+            const int body = reply.indexOf("\r\n\r\n") + 4;
+            peer.send(reply.left(body));
+            r.pump(200);
+            peer.send(reply.mid(body));
+        } else {
+            peer.send(ok({}, sdp(c.video, c.audio)));
+        }
         for (const QString& track : c.setups) {
             const QByteArray setup = peer.request(r);
             EXPECT_TRUE(setup.contains(track.toLatin1())) << setup.data();
