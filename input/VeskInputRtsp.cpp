@@ -149,7 +149,7 @@ VeskInputRtsp::VeskInputRtsp(QObject* parent)
     data[QStringLiteral("timestampMode")] = QStringLiteral("auto");
     shareDepth = 3;
 
-    keepAlive = keepAliveFrame();
+    keepAlive = QByteArray::fromHex(kKeepAliveHex);
     tcp.setReadBufferSize(kMaxReadBacklog);
     timerRetry.setSingleShot(true);
     connect(&udpA, &QUdpSocket::readyRead, this, &VeskInputRtsp::onReadUdpA);
@@ -172,11 +172,6 @@ VeskInputRtsp::~VeskInputRtsp()
     udpV.close();
     udpRtcpA.close();
     udpRtcpV.close();
-}
-
-QByteArray VeskInputRtsp::keepAliveFrame()
-{
-    return QByteArray::fromHex(kKeepAliveHex);
 }
 
 QString VeskInputRtsp::md5(const QString& text)

@@ -36,10 +36,6 @@ public:
     void init();
     static QString md5(const QString& text);
 
-    // The interleaved receiver report sent as a sign of life: 64 bytes,
-    // channel 3; over UDP without its 4-byte frame header.
-    static QByteArray keepAliveFrame();
-
 public slots:
     void onSetData(QMap<QString, QVariant> newData) override;
     void onStart() override;

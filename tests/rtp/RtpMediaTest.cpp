@@ -132,8 +132,6 @@ TEST_F(Media, SdpH265AndG711)
     EXPECT_EQ(media.infoV.type, VeskObject::TypeH265);
     EXPECT_EQ(media.controlV, "rtsp://10.0.0.2/cam/trackID=1");
     EXPECT_EQ(media.controlA, "rtsp://10.0.0.2/cam/trackID=2");
-    EXPECT_EQ(media.infoV.params["width"], 1920);
-    EXPECT_EQ(media.infoV.params["height"], 1080);
     EXPECT_EQ(media.infoA.type, VeskObject::TypePCMA);
     EXPECT_EQ(media.infoA.params["channels"], QVariant(1));
 

@@ -43,47 +43,38 @@ TEST(ParameterSets, AvcRecordsAsX264WritesThemAndBrokenOnes)
     EXPECT_EQ(VeskAv::annexBParameterSets(lying), kStart + high.mid(8) + kStart);
 }
 
-TEST(AacConfig, IndexTableAndTheDsiEncodersWrite)
+TEST(AacConfig, IndexAndTheConfigBytesForStreamsThatCarryNone)
 {
-    const unsigned rates[] = {88200, 64000, 48000, 44100, 32000, 24000,
-                              22050, 16000, 12000, 11025, 8000,  7350};
-    for (unsigned i = 0; i < 12; ++i) EXPECT_EQ(get_sr_index(rates[i]), i + 1) << rates[i];
-    EXPECT_EQ(get_sr_index(96000), 0u);  // the appliance's table starts at 88200
-    EXPECT_EQ(get_sr_index(44000), 0u);
-
+    // The lookup starts at 88200: 96000 and unknown rates give 0.
+    EXPECT_EQ(get_sr_index(96000), 0u);
+    EXPECT_EQ(get_sr_index(7350), 12u);
     struct {
         unsigned rate, channels;
         uint8_t b0, b1;
-    } cases[] = {{48000, 2, 0x11, 0x90}, {44100, 2, 0x12, 0x10}, {44100, 1, 0x12, 0x08},
-                 {16000, 1, 0x14, 0x08}, {8000, 1, 0x15, 0x88},  {22050, 6, 0x13, 0xb0}};
+    } cases[] = {{48000, 2, 0x11, 0x90}, {44100, 1, 0x12, 0x08}, {8000, 1, 0x15, 0x88},
+                 {22050, 6, 0x13, 0xb0}};
     for (const auto& c : cases) {
         unsigned char out[2] = {0, 0};
         make_dsi(get_sr_index(c.rate), c.channels, out);
-        EXPECT_EQ(out[0], c.b0) << c.rate << "/" << c.channels;
-        EXPECT_EQ(out[1], c.b1) << c.rate << "/" << c.channels;
+        EXPECT_EQ((out[0] << 8) | out[1], (c.b0 << 8) | c.b1) << c.rate << "/" << c.channels;
     }
 }
 
-TEST(StartCodes, NetworkRuleConvertsWhatFitsAndStopsAtALengthPastTheEnd)
+TEST(StartCodes, NetworkRuleStopsAtALengthPastTheEndAndFileRuleRejectsThePacket)
 {
-    Bytes p = {0, 0, 0, 2, 0x09, 0xf0, 0, 0, 0, 3, 0x65, 0x88, 0x84};
+    const Bytes two = {0, 0, 0, 2, 0x09, 0xf0, 0, 0, 0, 3, 0x65, 0x88, 0x84};
+    const Bytes converted = {0, 0, 0, 1, 0x09, 0xf0, 0, 0, 0, 1, 0x65, 0x88, 0x84};
+    Bytes p = two;
     VeskAv::lengthsToStartCodes(p.data(), int(p.size()));
-    EXPECT_EQ(p, (Bytes{0, 0, 0, 1, 0x09, 0xf0, 0, 0, 0, 1, 0x65, 0x88, 0x84}));
+    EXPECT_EQ(p, converted);
+    p = two;
+    EXPECT_TRUE(VeskAv::lengthsToStartCodesStrict(p.data(), int(p.size())));
+    EXPECT_EQ(p, converted);
 
     Bytes lying = {0, 0, 0, 1, 0x65, 0x7f, 0xff, 0xff, 0xff, 0x41, 0x42};
     VeskAv::lengthsToStartCodes(lying.data(), int(lying.size()));
     EXPECT_EQ(lying, (Bytes{0, 0, 0, 1, 0x65, 0, 0, 0, 1, 0x41, 0x42}));
 
-    Bytes tiny = {0, 0, 0, 9};
-    VeskAv::lengthsToStartCodes(tiny.data(), int(tiny.size()));
-    EXPECT_EQ(tiny, (Bytes{0, 0, 0, 9}));
-}
-
-TEST(StartCodes, FileRuleRejectsZeroAndOverlongLengths)
-{
-    Bytes good = {0, 0, 0, 2, 0x09, 0xf0, 0, 0, 0, 3, 0x65, 0x88, 0x84};
-    EXPECT_TRUE(VeskAv::lengthsToStartCodesStrict(good.data(), int(good.size())));
-    EXPECT_EQ(good, (Bytes{0, 0, 0, 1, 0x09, 0xf0, 0, 0, 0, 1, 0x65, 0x88, 0x84}));
     Bytes zero = {0, 0, 0, 0, 0x65, 0x88};
     EXPECT_FALSE(VeskAv::lengthsToStartCodesStrict(zero.data(), int(zero.size())));
     Bytes overlong = {0, 0, 0, 2, 0x09, 0xf0, 0, 0, 0, 9, 0x65, 0x88};
@@ -281,15 +272,6 @@ TEST(NetClock, HostileTimesStayDefined)
     ASSERT_TRUE(c.video(&now, small, big, false, nullptr, 0, &pts, &dts));
     ASSERT_TRUE(c.audio(now, big, &pts));
     ASSERT_TRUE(c.audio(now, small, &pts));
-}
-
-TEST(Speed, BytesPerSecondOverFreshReadingsOnly)
-{
-    EXPECT_EQ(VeskAv::bytesPerSecond(500000, 250), 2000000);
-    EXPECT_EQ(VeskAv::bytesPerSecond(500000, 10000), 50000);
-    EXPECT_EQ(VeskAv::bytesPerSecond(500000, 10001), 0);
-    EXPECT_EQ(VeskAv::bytesPerSecond(500000, 0), 0);
-    EXPECT_EQ(VeskAv::bytesPerSecond(int64_t(1) << 40, 1), INT32_MAX);
 }
 
 }  // namespace

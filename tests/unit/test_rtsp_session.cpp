@@ -170,17 +170,16 @@ TEST(RtspSession, DialogueSendsSortedHeadersWithoutLengthAndPlaysFramesFromTheSo
     // answer) and on the audio channel (the keep-alive).
     for (char c : frame(2, rtp(8000, QByteArray(160, 'x')))) peer.send(QByteArray(1, c));
     peer.send(frame(1, QByteArray(28, '\x81')) + frame(3, QByteArray(28, '\x81')));
-    EXPECT_EQ(peer.bytes(r, 64), VeskInputRtsp::keepAliveFrame());
+    // One interleaved compound RTCP packet: a receiver report, then a
+    // source description.
+    const QByteArray k = peer.bytes(r, 64);
+    EXPECT_EQ(k.left(6), QByteArray("$\x03\x00\x3c\x81\xc9", 6));
+    EXPECT_EQ(k.mid(36, 2), "\x81\xca");
     ASSERT_TRUE(r.waitUntil([&] { return r.sink.count(false) == 1; }, 3000));
     EXPECT_EQ(r.sink.units(true).value(0).bytes, QByteArray("\0\0\0\1\x65\x88\x84", 7));
     EXPECT_EQ(r.sink.units(false).value(0).bytes, QByteArray(160, 'x'));
     r.pump(200);
     EXPECT_TRUE(peer.inbox.isEmpty()) << "answered a frame on channel 1";
-
-    const QByteArray k = VeskInputRtsp::keepAliveFrame();
-    EXPECT_EQ(k.left(4), QByteArray("$\x03\x00\x3c", 4));
-    EXPECT_EQ(k.mid(4, 2), "\x81\xc9");
-    EXPECT_EQ(k.mid(36, 2), "\x81\xca");
 }
 
 TEST(RtspSession, DigestIsBuiltOverTheBaseUrlAndOtherSchemesGetNoAnswer)
@@ -419,7 +418,8 @@ TEST(RtspSession, UdpAsksForPortPairsFrom50000AndAnswersRtcpFromThem)
     quint16 fromPort = 0;
     QByteArray answer(100, '\0');
     answer.resize(int(udp.readDatagram(answer.data(), answer.size(), &from, &fromPort)));
-    EXPECT_EQ(answer, VeskInputRtsp::keepAliveFrame().mid(4));
+    EXPECT_EQ(answer.size(), 60);
+    EXPECT_EQ(answer.left(2), "\x81\xc9");
     EXPECT_EQ(fromPort, ports[0] + 1);
     ASSERT_TRUE(r.waitUntil([&] { return r.sink.count(true) == 1; }, 3000));
     EXPECT_EQ(r.sink.units(true)[0].bytes, QByteArray("\0\0\0\1\x41uu", 7));
