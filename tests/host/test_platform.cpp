@@ -4,8 +4,9 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <chrono>
 #include <cstring>
-#include <thread>
+#include <functional>
 
 #include "frame/Vesk.h"
 #include "frame/VeskHi.h"
@@ -20,6 +21,11 @@ int64_t now()
     return t;
 }
 
+int64_t micros(std::chrono::steady_clock::duration d)
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(d).count();
+}
+
 uint8_t* plane(const ot_video_frame_info& f, int i)
 {
     return reinterpret_cast<uint8_t*>(f.video_frame.virt_addr[i]);
@@ -29,44 +35,46 @@ uint8_t* plane(const ot_video_frame_info& f, int i)
 
 TEST(Clock, IsMonotonicInMicrosecondsAndMovesWithTheOffset)
 {
-    int64_t last = now();
-    for (int i = 0; i < 10000; ++i) {
+    // While the steady clock advances 2 ms the clock never goes back, and its
+    // advance lies between the steady intervals inside and around it.
+    using Steady = std::chrono::steady_clock;
+    const auto outer = Steady::now();
+    int64_t first = now(), last = first;
+    const auto inner = Steady::now();
+    while (Steady::now() - inner < std::chrono::milliseconds(2)) {
         const int64_t t = now();
         ASSERT_GE(t, last);
         last = t;
     }
-    const int64_t a = now();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    const int64_t elapsed = now() - a;
-    EXPECT_GE(elapsed, 20000);
-    EXPECT_LT(elapsed, 2000000);
+    const int64_t innerUs = micros(Steady::now() - inner);
+    last = now();
+    EXPECT_GE(last - first, innerUs - 1);
+    EXPECT_LE(last - first, micros(Steady::now() - outer) + 2);
 
+    // Offsets add up, and the time also comes back without an out pointer.
     VeskHi::setPTSOffset(1000000000LL);
-    const int64_t shifted = now() - a;
-    VeskHi::setPTSOffset(0);
-    EXPECT_GE(shifted, 1000000000LL);
-    EXPECT_LT(shifted, 1002000000LL);
-    EXPECT_LT(now() - a, 2000000);
+    VeskHi::setPTSOffset(1000000000LL);
+    const int64_t moved = VeskHi::getPTS(nullptr, false) - last;
+    EXPECT_TRUE(moved >= 2000000000LL && moved < 2001000000LL) << moved;
+    // A caller that wants the clock to show `last` again moves it by last - pts.
+    VeskHi::setPTSOffset(last - VeskHi::getPTS(nullptr, false));
+    const int64_t back = now() - last;
+    EXPECT_TRUE(back >= 0 && back < 1000000) << back;
 }
 
 TEST(Tees, HaveUniqueIdsAndAreFoundById)
 {
     VeskTee* a = VeskHi::newTee(OT_ID_VI, 0, 2);
     VeskTee* b = VeskHi::newTee(OT_ID_USER, 0, 0);
-    ASSERT_TRUE(a && b);
-    EXPECT_GT(a->getId(), 0);
     EXPECT_NE(a->getId(), b->getId());
     EXPECT_EQ(VeskHi::getTee(a->getId()), a);
     EXPECT_EQ(a->getSource().mod_id, OT_ID_VI);
     EXPECT_EQ(a->getSource().chn_id, 2);
-    EXPECT_EQ(VeskHi::getTee(0), nullptr);
-    EXPECT_EQ(VeskHi::getTee(1 << 30), nullptr);
 
     VeskTeeChn* c1 = a->newChn(false, true);
     VeskTeeChn* c2 = a->newChnIPC();
     ASSERT_TRUE(c1->vpss && c2->vpss);
     EXPECT_NE(c1->vpss->getId(), c2->vpss->getId());
-    EXPECT_EQ(c1->getChn().dev_id, c1->vpss->getId());
 
     VeskHost::clearBindings();
     EXPECT_EQ(VeskHi::bindFromTee(c1, OT_ID_VO, 0, 1), 1);
@@ -81,33 +89,29 @@ TEST(Tees, HaveUniqueIdsAndAreFoundById)
     VeskHi::delTee(b);
 }
 
-TEST(Frames, HaveAlignedStridesAndWritablePlanes)
-{
-    ot_video_frame_info f = VeskHi::makeFrame(100, 51, nullptr);
-    const ot_video_frame& v = f.video_frame;
-    EXPECT_EQ(v.width, 100u);
-    EXPECT_EQ(v.stride[0], 112u);
-    EXPECT_EQ(v.stride[1], 112u);
-    ASSERT_NE(v.virt_addr[0], 0u);
-    ASSERT_NE(v.virt_addr[1], 0u);
-    EXPECT_NE(v.phys_addr[0], 0u);
-    // Every byte of both planes, the last odd chroma row included.
-    std::memset(plane(f, 0), 1, 112 * 51);
-    std::memset(plane(f, 1), 2, 112 * 26);
-
-    EXPECT_EQ(VeskHi::makeFrame(0, 10, nullptr).video_frame.virt_addr[0], 0u);
-}
-
-TEST(CopyEngine, CopiesOnlyWhatLiesInsideBothFrames)
+TEST(CopyEngine, FramesHaveAlignedWritablePlanesAndCopiesStayInsideBoth)
 {
     ot_video_frame_info s = VeskHi::makeFrame(64, 32, nullptr);
-    ot_video_frame_info d = VeskHi::makeFrame(40, 20, nullptr);
+    ot_video_frame_info d = VeskHi::makeFrame(40, 21, nullptr);
     const uint32_t ss = s.video_frame.stride[0], ds = d.video_frame.stride[0];
+    EXPECT_EQ(ds, 48u);
+    EXPECT_EQ(d.video_frame.stride[1], 48u);
+    ASSERT_TRUE(d.video_frame.virt_addr[0] && d.video_frame.virt_addr[1]);
+    EXPECT_NE(d.video_frame.phys_addr[0], 0u);
+    EXPECT_EQ(VeskHi::makeFrame(0, 10, nullptr).video_frame.virt_addr[0], 0u);
     for (uint32_t y = 0; y < 32; ++y)
         for (uint32_t x = 0; x < ss; ++x) plane(s, 0)[y * ss + x] = uint8_t(y * 64 + x);
-    std::memset(plane(d, 0), 0, ds * 20);
     std::memset(plane(s, 1), 0x55, ss * 16);
-    std::memset(plane(d, 1), 0, ds * 10);
+    // Every byte of both planes, the last odd chroma row included.
+    std::memset(plane(d, 0), 0, ds * 21);
+    std::memset(plane(d, 1), 0, ds * 11);
+    auto lumaCopiedWhere = [&](const std::function<bool(uint32_t, uint32_t)>& inside) {
+        for (uint32_t y = 0; y < 21; ++y)
+            for (uint32_t x = 0; x < ds; ++x)
+                if (plane(d, 0)[y * ds + x] != (inside(x, y) ? uint8_t(y * 64 + x) : 0))
+                    return false;
+        return true;
+    };
 
     MemInfo src, dst;
     src.fromFrame(s);
@@ -115,16 +119,16 @@ TEST(CopyEngine, CopiesOnlyWhatLiesInsideBothFrames)
     int handle = 0;
     // Reaches past the destination's right and bottom edges.
     ASSERT_EQ(IVE::copy(&handle, &src, &dst, QRect(30, 10, 30, 20), TD_TRUE), 0);
-    for (uint32_t y = 0; y < 20; ++y)
-        for (uint32_t x = 0; x < ds; ++x) {
-            const bool inside = x >= 30 && x < 40 && y >= 10;
-            ASSERT_EQ(plane(d, 0)[y * ds + x], inside ? uint8_t(y * 64 + x) : 0)
-                << "at " << x << "," << y;
-        }
+    auto clipped = [](uint32_t x, uint32_t y) { return x >= 30 && x < 40 && y >= 10; };
+    EXPECT_TRUE(lumaCopiedWhere(clipped));
     EXPECT_EQ(IVE::copy(&handle, &src, &dst, QRect(-10, -10, 5, 5), TD_TRUE), 0);
+    EXPECT_TRUE(lumaCopiedWhere(clipped));
+    // An empty rectangle is the whole picture.
+    ASSERT_EQ(IVE::copy(&handle, &src, &dst, QRect(), TD_TRUE), 0);
+    EXPECT_TRUE(lumaCopiedWhere([](uint32_t x, uint32_t) { return x < 40; }));
 
     ASSERT_EQ(IVE::copyUV(&handle, &src, &dst, TD_TRUE), 0);
-    for (uint32_t y = 0; y < 10; ++y)
+    for (uint32_t y = 0; y < 11; ++y)
         for (uint32_t x = 0; x < ds; ++x)
             ASSERT_EQ(plane(d, 1)[y * ds + x], x < 40 ? 0x55 : 0) << "at " << x << "," << y;
 
@@ -146,21 +150,17 @@ TEST(HostServices, BoardDescriptionKeepsGoodEntriesAndNamesBadOnes)
     const QVariantMap v = board["interfaceV"].toMap();
     EXPECT_EQ(v.keys(), (QStringList{"hdmi1", "odd", "sdi"}));
     EXPECT_EQ(v["hdmi1"].toMap()["bus"].userType(), QMetaType::Int);
+    // Drivers are picked by text: a numeric chip word is read as text.
     EXPECT_EQ(v["odd"].toMap()["chip"], QVariant("7611"));
     EXPECT_EQ(board["interfaceA"].toMap().keys(), QStringList{"line"});
-    const QString all = notes.join("\n");
-    EXPECT_TRUE(all.contains("interfaceV.hdmi2 is not an object, skipped")) << all.toStdString();
-    EXPECT_TRUE(all.contains("interfaceA.mic is not an object, skipped")) << all.toStdString();
-    EXPECT_TRUE(all.contains("interfaceV.sdi has no \"chip\"")) << all.toStdString();
-    EXPECT_EQ(notes.size(), 4) << all.toStdString();
+    const std::string all = notes.join("\n").toStdString();
+    EXPECT_EQ(notes.size(), 4) << all;
+    for (const char* text : {"interfaceV.hdmi2 is not an object, skipped",
+                             "interfaceA.mic is not an object, skipped", "interfaceV.sdi has no"})
+        EXPECT_NE(all.find(text), std::string::npos) << text;
 
     VeskHost::boardFromJson(QJsonValue(3), &notes, &error);
     EXPECT_FALSE(error.isEmpty());
-
-    VeskHost::setConfig(board);
-    QVariantMap copy = Vesk::getConfig();
-    copy.clear();
-    EXPECT_EQ(Vesk::getConfig(), board);
 }
 
 TEST(HostServices, JsonCarriesLoneValuesAndStructures)
@@ -172,19 +172,4 @@ TEST(HostServices, JsonCarriesLoneValuesAndStructures)
     EXPECT_EQ(Json::decode(R"({"n":3,"f":1.5})"), (QVariantMap{{"n", 3}, {"f", 1.5}}));
     EXPECT_EQ(Json::decode("7"), QVariant(7));
     EXPECT_FALSE(Json::decode("{broken").isValid());
-}
-
-TEST(HostServices, DecoderStreamRecordCarriesThePacket)
-{
-    char bytes[8] = {};
-    VeskObject::Packet p;
-    p.data = bytes;
-    p.len = 8;
-    p.pts = 123456789012LL;
-    const ot_vdec_stream s = zr_vdec_stream_init(p);
-    EXPECT_EQ(s.addr, reinterpret_cast<uint8_t*>(bytes));
-    EXPECT_EQ(s.len, 8u);
-    EXPECT_EQ(s.pts, 123456789012ULL);
-    EXPECT_EQ(s.end_of_frame, 1u);
-    EXPECT_EQ(s.end_of_stream, 0u);
 }
