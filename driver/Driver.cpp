@@ -4,7 +4,9 @@
 #include <functional>
 
 #include "driver/DriverBase.h"
+#include "driver/mcu/DriverVesk.h"
 #include "driver/video/Driver6604.h"
+#include "driver/video/Driver6911UXC.h"
 #include "driver/video/Driver7611.h"
 #include "driver/video/DriverEma6911.h"
 #include "driver/video/DriverFPGA.h"
@@ -34,8 +36,8 @@ const QList<QPair<QString, Make>>& videoTable()
 {
     static const QList<QPair<QString, Make>> table = {
         {"6604", make<Driver6604>()},       {"7611", make<Driver7611>()},
-        {"Vesk", make<DriverBase>()},       {"LT8619", make<DriverBase>()},
-        {"EMA6911", make<DriverEma6911>()}, {"6911uxc", make<DriverBase>()},
+        {"Vesk", make<DriverVesk>()},       {"LT8619", make<DriverBase>()},
+        {"EMA6911", make<DriverEma6911>()}, {"6911uxc", make<Driver6911UXC>()},
         {"GS2971", make<DriverGS2971>()},   {"TC7509", make<DriverBase>()},
         {"IT6801", make<DriverBase>()},     {"custom", make<DriverBase>()},
         {"fpga", make<DriverFPGA>()},       {"MS1824", make<DriverBase>()},
@@ -47,7 +49,7 @@ const QList<QPair<QString, Make>>& audioTable()
 {
     static const QList<QPair<QString, Make>> table = {
         {"cs5368", make<DriverBase>()}, {"tlv32", make<DriverBase>()},
-        {"cx207", make<DriverBase>()},  {"Vesk", make<DriverBase>()},
+        {"cx207", make<DriverBase>()},  {"Vesk", make<DriverVesk>()},
         {"TC7509", make<DriverBase>()}, {"ES8388", make<DriverBase>()},
         {"IT6801", make<DriverBase>()},
     };

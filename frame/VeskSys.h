@@ -5,6 +5,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <time.h>
 
 #include <QString>
 #include <cstddef>
@@ -31,6 +32,8 @@ int shmget(key_t key, size_t size, int flags);
 void* shmat(int id, const void* addr, int flags);
 int shmdt(const void* addr);
 int system(const char* command);
+// CLOCK_REALTIME is the board's wall clock, which may not be set yet.
+int clock_gettime(clockid_t clock, struct timespec* ts);
 // Where a board path (such as "/vesk/config/edid.bin") lives on this machine;
 // for code that opens files through Qt rather than through open().
 QString path(const QString& boardPath);

@@ -69,6 +69,10 @@ int shmdt(const void* addr)
 {
     return ::shmdt(addr);
 }
+int clock_gettime(clockid_t clock, struct timespec* ts)
+{
+    return ::clock_gettime(clock, ts);
+}
 int system(const char* command)
 {
     return ::system(command);

@@ -86,6 +86,12 @@ td_s32 hi_mpi_vdec_get_frame(ot_vdec_chn chn, ot_video_frame_info* frame_info,
                              ot_vdec_supplement_info* supplement, td_s32 milli_sec);
 td_s32 hi_mpi_vdec_release_frame(ot_vdec_chn chn, const ot_video_frame_info* frame_info);
 
+// ---- system ---------------------------------------------------------------------
+// The media clock: init_pts_base sets it once, sync_pts keeps it in step
+// with wall time afterwards. Microseconds.
+td_s32 hi_mpi_sys_init_pts_base(td_u64 pts_base);
+td_s32 hi_mpi_sys_sync_pts(td_u64 pts_base);
+
 // ---- video processing -----------------------------------------------------------
 td_s32 hi_mpi_vpss_send_frame(ot_vpss_grp grp, const ot_video_frame_info* frame, td_s32 milli_sec);
 

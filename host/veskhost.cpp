@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -19,6 +21,8 @@
 #include <cstdio>
 
 #include "driver/Driver.h"
+#include "driver/mcu/DriverVesk.h"
+#include "driver/mcu/McuLine.h"
 #include "frame/Vesk.h"
 #include "host/VeskGraph.h"
 #include "host/probe.h"
@@ -37,6 +41,8 @@ const char kUsage[] =
     "  veskhost signals --board BOARD.json [--sim [SCENARIO.json]] [--seconds N] [--json]\n"
     "                   [--debug]\n"
     "  veskhost probe URL [--seconds N] [--json] [--set KEY=VALUE ...]\n"
+    "  veskhost mcu [--port PATH | --sim [SCENARIO.json]] [--send JSON ...] [--seconds N]\n"
+    "               [--json]\n"
     "With --sim and no --board, the scenario's \"board\" is the board.\n";
 
 void printLine(const QString& line)
@@ -373,6 +379,136 @@ int watchSignals(const Options& o, QCoreApplication& app)
     return 0;
 }
 
+// A virtual board whose scenario has no microcontroller gets one with a
+// little to say: a source on its input, a key, and the status reports.
+void addMicrocontroller(QVariantMap* scenario)
+{
+    for (const QVariant& c : scenario->value(QStringLiteral("chips")).toList())
+        if (c.toMap().value(QStringLiteral("type")) == QLatin1String("Vesk")) return;
+    QVariantList chips = scenario->value(QStringLiteral("chips")).toList();
+    chips << QVariantMap{{"name", "mcu"},
+                         {"type", "Vesk"},
+                         {"inputs", QVariantMap{{"hdmi2", QVariantMap{{"lock", 0}}}}}};
+    (*scenario)["chips"] = chips;
+    QVariantList timeline = scenario->value(QStringLiteral("timeline")).toList();
+    const QVariantMap hd{{"lock", 1}, {"w", 1920}, {"h", 1080}, {"f", 60}, {"as", 48000}};
+    timeline << QVariantMap{{"at", 2}, {"chip", "mcu"}, {"input", "hdmi2"}, {"source", hd}}
+             << QVariantMap{{"at", 3}, {"chip", "mcu"}, {"key", "menu"}, {"act", "press"}};
+    (*scenario)["timeline"] = timeline;
+}
+
+// The microcontroller line as the library sees it: the first driver
+// instance owns the port; every frame it decodes, every command it sends and
+// each watchdog tick is printed.
+int watchLine(const QStringList& args, QCoreApplication& app)
+{
+    Options o;
+    QString port;
+    QList<QVariantMap> commands;
+    for (int i = 0; i < args.size(); ++i) {
+        const QString& a = args[i];
+        const bool hasNext = i + 1 < args.size();
+        if (a == QLatin1String("--port") && hasNext) {
+            port = QFileInfo(args[++i]).absoluteFilePath();
+        } else if (a == QLatin1String("--send") && hasNext) {
+            const QVariantMap cmd = Json::decode(args[++i]).toMap();
+            if (!cmd.contains(QStringLiteral("Cmd")))
+                return usage(QStringLiteral("--send needs a JSON object with \"Cmd\""));
+            commands << cmd;
+        } else if (a == QLatin1String("--sim")) {
+            o.sim = true;
+            if (hasNext && !args[i + 1].startsWith(QLatin1Char('-'))) o.scenario = args[++i];
+        } else if (a == QLatin1String("--seconds") && hasNext) {
+            bool ok = false;
+            o.seconds = args[++i].toDouble(&ok);
+            if (!ok || o.seconds <= 0) return usage(QStringLiteral("--seconds needs a number"));
+        } else if (a == QLatin1String("--json")) {
+            o.json = true;
+        } else {
+            return usage(QStringLiteral("mcu: unexpected argument \"%1\"").arg(a));
+        }
+    }
+    if (o.sim && !port.isEmpty()) return usage(QStringLiteral("mcu: --port or --sim, not both"));
+
+    if (o.sim) {
+        QVariantMap scenario = vsim::defaultScenario();
+        if (!o.scenario.isEmpty()) {
+            QJsonDocument doc;
+            QString why;
+            if (!readJson(o.scenario, &doc, &why)) {
+                complain(why);
+                return 2;
+            }
+            scenario = VeskHost::fromJson(doc.object()).toMap();
+        }
+        addMicrocontroller(&scenario);
+        vsim::Board& b = vsim::Board::instance();
+        b.activate();
+        QString error;
+        if (!b.loadScenario(scenario, &error)) complain(QStringLiteral("scenario: ") + error);
+        b.startScenario();
+    } else if (!port.isEmpty()) {
+        // The driver opens the board's line; on this machine that is a link
+        // to the port asked for.
+        vsim::Board& b = vsim::Board::instance();
+        b.activate();
+        const QString line = b.hostPath(QStringLiteral("/dev/ttyAMA2"));
+        QDir().mkpath(QFileInfo(line).path());
+        if (!QFile::link(port, line)) {
+            complain(QStringLiteral("cannot link %1 to %2").arg(line, port));
+            return 1;
+        }
+    }
+
+    const bool json = o.json;
+    mcu::setObserver([json](const QString& event, const QVariant& value) {
+        if (event == QLatin1String("read")) return;
+        const double t = seconds();
+        QVariant shown = value;
+        QString text;
+        if (event == QLatin1String("frame")) {
+            const QVariantMap f = value.toMap();
+            const QVariantMap message = f.value(QStringLiteral("message")).toMap();
+            shown = QVariantMap{{"text", f.value(QStringLiteral("raw"))},
+                                {"message", message},
+                                {"handled", f.value(QStringLiteral("handled"))}};
+            text = QStringLiteral("<  %1%2").arg(
+                message.isEmpty() ? f.value(QStringLiteral("raw")).toString()
+                                  : VeskHost::toJsonText(message),
+                f.value(QStringLiteral("handled")).toBool() ? QString()
+                                                            : QStringLiteral("   (not handled)"));
+        } else if (event == QLatin1String("sent")) {
+            text = QStringLiteral(">  ") + value.toString();
+        } else if (event == QLatin1String("alive")) {
+            text = QStringLiteral("watchdog: line alive");
+        } else if (event == QLatin1String("timeout")) {
+            text = QStringLiteral("watchdog: \"tty time out\", line reopened");
+        } else if (event == QLatin1String("dropped")) {
+            text = QStringLiteral("receive buffer: %1 characters without \"#####\" dropped")
+                       .arg(value.toInt());
+        } else {
+            text = event + QLatin1Char(' ') + value.toString();
+        }
+        if (json)
+            printLine(jsonLine(
+                {{"t", rounded(t)}, {"event", event}, {"value", VeskHost::toJson(shown)}}));
+        else
+            printLine(stamp(t) + QLatin1Char(' ') + text);
+    });
+
+    auto* line = new DriverVesk;
+    line->init();  // returns once the microcontroller has said something
+    for (const QVariantMap& cmd : qAsConst(commands)) line->sendCmd(cmd);
+
+    if (o.seconds > 0)
+        QTimer::singleShot(qRound64(o.seconds * 1000), &app, &QCoreApplication::quit);
+    quitOnSignals(&app);
+    app.exec();
+    mcu::setObserver(nullptr);
+    if (o.sim) vsim::Board::instance().stop();
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -390,6 +526,7 @@ int main(int argc, char** argv)
     }
 
     if (command == QLatin1String("probe")) return veskProbe(args.mid(1));
+    if (command == QLatin1String("mcu")) return watchLine(args.mid(1), app);
 
     Options o;
     QString why;

@@ -125,6 +125,23 @@ struct MediaPlatform::Impl {
     std::deque<MediaPlatform::VpssFrame> vpss;
     quint64 vpssCount = 0;
 
+    // The system's media clock runs from power-on; the PTS calls move it.
+    int64_t ptsBase = 0;
+    int64_t ptsSetAt = steadyUs();
+    bool ptsInited = false;
+
+    static int64_t steadyUs()
+    {
+        using namespace std::chrono;
+        return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+    }
+    uint64_t ptsNow() const { return uint64_t(ptsBase + (steadyUs() - ptsSetAt)); }
+    void setPts(uint64_t base)
+    {
+        ptsBase = int64_t(base);
+        ptsSetAt = steadyUs();
+    }
+
     // Caller holds `lock`. True (with the code in *code) when the call is to
     // fail now.
     bool takeFailure(const QString& name, int* code)
@@ -172,6 +189,8 @@ struct MediaPlatform::Impl {
         for (auto& v : vdec) clearVdec(v);
         vpss.clear();
         vpssCount = 0;
+        setPts(0);
+        ptsInited = false;
     }
 
     // ---- decoding
@@ -536,6 +555,18 @@ quint64 MediaPlatform::vpssFrameCount() const
 {
     std::lock_guard<std::mutex> g(d->lock);
     return d->vpssCount;
+}
+
+uint64_t MediaPlatform::sysPts() const
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    return d->ptsNow();
+}
+
+bool MediaPlatform::sysPtsInited() const
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    return d->ptsInited;
 }
 
 }  // namespace vsim
@@ -943,6 +974,25 @@ td_s32 hi_mpi_vpss_send_frame(ot_vpss_grp grp, const ot_video_frame_info* frame,
         q.push_back(rec);
         while (q.size() > size_t(vsim::kVpssKept)) q.pop_front();
         ++P().vpssCount;
+        return TD_SUCCESS;
+    });
+}
+
+// ---- system
+
+td_s32 hi_mpi_sys_init_pts_base(td_u64 pts_base)
+{
+    return P().run("hi_mpi_sys_init_pts_base", {qulonglong(pts_base)}, [&](Lock&) {
+        P().setPts(pts_base);
+        P().ptsInited = true;
+        return TD_SUCCESS;
+    });
+}
+
+td_s32 hi_mpi_sys_sync_pts(td_u64 pts_base)
+{
+    return P().run("hi_mpi_sys_sync_pts", {qulonglong(pts_base)}, [&](Lock&) {
+        P().setPts(pts_base);
         return TD_SUCCESS;
     });
 }

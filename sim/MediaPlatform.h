@@ -115,6 +115,11 @@ public:
     QList<VpssFrame> vpssFrames() const;
     quint64 vpssFrameCount() const;
 
+    // The system's media clock in microseconds: from 0 at power-on, set by
+    // hi_mpi_sys_init_pts_base and moved again by hi_mpi_sys_sync_pts.
+    uint64_t sysPts() const;
+    bool sysPtsInited() const;
+
     struct Impl;
 
 private:

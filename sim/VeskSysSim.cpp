@@ -12,6 +12,7 @@
 #include <cstdlib>
 
 #include "frame/VeskSys.h"
+#include "sim/Peripherals.h"
 #include "sim/VirtualBoard.h"
 
 using vsim::Board;
@@ -43,7 +44,7 @@ int open(const char* path, int flags, mode_t mode)
     if (dev) {
         int fd = dev->makeFd();
         if (fd < 0) return -1;
-        b.registerFd(fd, dev, 0);
+        b.registerFd(fd, dev, dev->cookieFor(fd));
         return fd;
     }
     QString host = b.hostPath(p);
@@ -156,7 +157,25 @@ int system(const char* command)
     if (!b.active()) return ::system(command);
     // Board tools (register pokes, pad set-up, process control) have nothing
     // to act on here: the line is kept for whoever checks what was asked.
-    b.recordCommand(QString::fromLocal8Bit(command ? command : ""));
+    const QString line = QString::fromLocal8Bit(command ? command : "");
+    b.recordCommand(line);
+    // The sysfs GPIO lines act on the board's file tree as the kernel would.
+    int status = vsim::GpioLines::instance().shell(line);
+    return status > 0 ? status << 8 : 0;
+}
+
+int clock_gettime(clockid_t clock, struct timespec* ts)
+{
+    int r = ::clock_gettime(clock, ts);
+    if (r != 0 || clock != CLOCK_REALTIME || !Board::instance().active()) return r;
+    // The board's wall clock may be set apart from this machine's.
+    int64_t ns = int64_t(ts->tv_sec) * 1000000000 + ts->tv_nsec + vsim::wallClockOffsetNs();
+    ts->tv_sec = time_t(ns / 1000000000);
+    ts->tv_nsec = long(ns % 1000000000);
+    if (ts->tv_nsec < 0) {
+        ts->tv_nsec += 1000000000;
+        ts->tv_sec -= 1;
+    }
     return 0;
 }
 

@@ -16,6 +16,7 @@
 
 #include "sim/I2cBus.h"
 #include "sim/MediaPlatform.h"
+#include "sim/Peripherals.h"
 
 namespace vsim {
 
@@ -52,6 +53,11 @@ int Device::makeFd()
     return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
 
+uint64_t Device::cookieFor(int)
+{
+    return 0;
+}
+
 long Device::ioctl(uint64_t&, unsigned long, void*, unsigned long)
 {
     return -ENOTTY;
@@ -73,6 +79,12 @@ void* Device::mmap(uint64_t&, void*, size_t, int, int, off_t)
 I2cDevice::~I2cDevice() = default;
 GpioI2cDevice::~GpioI2cDevice() = default;
 ChipEmulator::~ChipEmulator() = default;
+
+bool ChipEmulator::applyStep(const QVariantMap& step, QString*)
+{
+    setSource(step.value("source").toMap());
+    return true;
+}
 
 // ---------------------------------------------------------------- RegisterChip
 RegisterChip::RegisterChip(int regBytes_) : regBytes(regBytes_ == 2 ? 2 : 1)
@@ -249,6 +261,7 @@ void Board::clearLocked()
     // (Lock order is always board, then platform.)
     MediaPlatform::instance().reset();
     devices[OT_MIPI_DEV_NAME] = MediaPlatform::instance().mipiDevice();
+    installPeripherals(devices, rootDir);
 }
 
 QString Board::root() const
@@ -474,8 +487,7 @@ bool Board::applyStep(const QVariantMap& step, QString* error)
             if (error) *error = QString("scenario: no chip named \"%1\"").arg(name);
             return false;
         }
-        emu->setSource(step.value("source").toMap());
-        return true;
+        return emu->applyStep(step, error);
     }
     if (step.contains("device")) {
         setAbsent(step.value("device").toString(), step.value("absent").toBool());
@@ -500,6 +512,9 @@ bool Board::applyStep(const QVariantMap& step, QString* error)
         if (!e.isEmpty() && error) *error = e;
         return e.isEmpty();
     }
+    bool handled = false;
+    bool done = applyPeripheralStep(step, error, &handled);
+    if (handled) return done;
     if (error) *error = "scenario: a step needs \"chip\", \"device\", \"i2c\" or \"file\"";
     return false;
 }
@@ -551,6 +566,9 @@ void Board::startScenario()
     QVariantList steps = pending;
     player = std::thread([this, steps] {
         auto t0 = std::chrono::steady_clock::now();
+        // Edge time stamps of the scenario count from its start.
+        GpioLines::instance().setEpoch(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(t0.time_since_epoch()).count());
         for (const QVariant& s : steps) {
             QVariantMap step = s.toMap();
             auto due = t0 + std::chrono::microseconds(qint64(step.value("at").toDouble() * 1e6));

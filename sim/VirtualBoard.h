@@ -28,6 +28,8 @@ public:
     // A real descriptor handed to the caller, so that close()/poll() behave.
     // The default is a fresh eventfd.
     virtual int makeFd();
+    // Per-open state for a descriptor makeFd just gave out; 0 by default.
+    virtual uint64_t cookieFor(int fd);
     // Per-open state lives in `cookie`; errno is set by returning -errno.
     virtual long ioctl(uint64_t& cookie, unsigned long request, void* arg, unsigned long iarg);
     virtual long read(uint64_t& cookie, void* buf, size_t len);
@@ -101,6 +103,8 @@ public:
     virtual ~ChipEmulator();
     virtual void attach(const QVariantMap& settings) = 0;
     virtual void setSource(const QVariantMap& source) = 0;
+    // A timeline step naming this chip; the default takes its "source".
+    virtual bool applyStep(const QVariantMap& step, QString* error);
 };
 
 using ChipFactory = std::function<std::shared_ptr<ChipEmulator>()>;
