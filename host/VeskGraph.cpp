@@ -103,7 +103,7 @@ VeskObject* VeskGraph::create(const QString& className, const QString& name, con
             Qt::QueuedConnection);
     });
     node->moveToThread(t);
-    entries.insert(name, Entry{node, t, false});
+    entries.insert(name, Entry{node, t, false, {}});
     order << name;
     return node;
 }
@@ -155,6 +155,13 @@ QVariant VeskGraph::invoke(const QString& name, const QString& method, const QVa
 void VeskGraph::startAll()
 {
     for (const QString& name : qAsConst(order)) start(name);
+    for (const QString& name : qAsConst(order))
+        for (const auto& call : entries.value(name).calls) {
+            const QVariant result = invoke(name, call.first, call.second);
+            emit nodeEvent(name, QStringLiteral("invoke"),
+                           QVariantMap{{QStringLiteral("method"), call.first},
+                                       {QStringLiteral("result"), result}});
+        }
 }
 
 void VeskGraph::stopAll()
@@ -275,11 +282,25 @@ bool VeskGraph::build(const QVariantMap& description, QStringList* problems)
         else if (threadValue.isValid())
             found << label + QStringLiteral(": \"thread\" is %1, not a string, ignored")
                                  .arg(typeOf(threadValue));
+        QList<QPair<QString, QVariant>> calls;
+        const QVariant invokeValue = n.value(QStringLiteral("invoke"));
+        for (const QVariant& c : invokeValue.toList()) {
+            const QVariantList call = c.toList();
+            if (call.isEmpty() || call.size() > 2 || call[0].userType() != QMetaType::QString)
+                found << label + QStringLiteral(": an \"invoke\" entry is not [method] or "
+                                                "[method, argument], ignored");
+            else
+                calls.append({call[0].toString(), call.value(1)});
+        }
+        if (invokeValue.isValid() && invokeValue.userType() != QMetaType::QVariantList)
+            found << label + QStringLiteral(": \"invoke\" is %1, not a list, ignored")
+                                 .arg(typeOf(invokeValue));
         QString error;
         if (!create(cls.toString(), name.toString(), thread, &error)) {
             found << label + QStringLiteral(": ") + error + QStringLiteral(", skipped");
             continue;
         }
+        entries[name.toString()].calls = calls;
         configs.append({name.toString(), data});
     }
     for (const auto& c : qAsConst(configs)) setData(c.first, c.second);

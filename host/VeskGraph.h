@@ -49,7 +49,8 @@ public:
 
     // Creates, configures and wires a graph from its description:
     //   {"nodes": [{"name": "cap1", "class": "VeskInputVi", "data": {...},
-    //               "thread": "optional"}],
+    //               "thread": "optional",
+    //               "invoke": [["enableIR"], ["registEvent", "GPIO2_1"]]}],
     //    "links": [{"from": "cap1", "to": "out1", "kinds": ["V", "A", "event"]}]}
     // Missing "kinds" means all three. Nothing is started. Each bad entry is
     // described in `problems` and left out; the rest is built. Returns false
@@ -74,6 +75,8 @@ private:
         VeskObject* node = nullptr;
         QThread* thread = nullptr;
         bool started = false;
+        // Calls the application makes once the node runs: method, argument.
+        QList<QPair<QString, QVariant>> calls;
     };
     QThread* threadFor(const QString& key, const QString& name);
 

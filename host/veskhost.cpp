@@ -267,9 +267,22 @@ int runGraph(const Options& o, QCoreApplication& app)
                               .arg(stamp(t), node, event, VeskHost::toJsonText(value)));
         });
     QStringList problems;
-    graph.build(VeskHost::fromJson(doc.object()).toMap(), &problems);
+    const QVariantMap description = VeskHost::fromJson(doc.object()).toMap();
+    graph.build(description, &problems);
     for (const QString& p : qAsConst(problems)) complain(p);
     graph.startAll();
+    // As the appliance's application does: front-panel keys go to the device
+    // node once the microcontroller line is up (a capture node on one of its
+    // inputs brings it up when it starts).
+    for (const QVariant& n : description.value(QStringLiteral("nodes")).toList()) {
+        VeskObject* node = graph.node(n.toMap().value(QStringLiteral("name")).toString());
+        if (!node || qstrcmp(node->metaObject()->className(), "VeskDevice") != 0) continue;
+        if (DriverVesk::instance)
+            DriverVesk::instance->registDev(node);
+        else
+            complain(QStringLiteral("%1: no microcontroller on this board, no keys")
+                         .arg(node->name()));
+    }
 
     if (o.seconds > 0)
         QTimer::singleShot(qRound64(o.seconds * 1000), &app, &QCoreApplication::quit);

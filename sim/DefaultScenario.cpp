@@ -1,7 +1,9 @@
 // The board a newcomer gets with `--sim` and no file: one HDMI input on the
 // register-polled receiver, captured by video input device 0, channel 0 over
-// BT.1120, and a source that comes, changes and goes. The board also carries
-// its no-signal picture and a test JPEG for still-picture sources.
+// BT.1120, and a source that comes, changes and goes; a second input whose
+// signal the front-panel microcontroller reports, a key press on the panel,
+// a remote-control code and a bouncing button on GPIO2_1. The board also
+// carries its no-signal picture and a test JPEG for still-picture sources.
 #include <QJsonDocument>
 
 #include "sim/VirtualBoard.h"
@@ -32,14 +34,31 @@ QVariantMap defaultScenario()
 {
     static const char* text = R"({
       "board": {
-        "interfaceV": { "hdmi1": { "chip": "7611", "did": 0, "cid": 0, "mode": "bt1120" } },
+        "interfaceV": {
+          "hdmi1": { "chip": "7611", "did": 0, "cid": 0, "mode": "bt1120" },
+          "hdmi2": { "chip": "Vesk", "name": "hdmi2", "protocols": ["HDMI", "SDI"],
+                     "did": 1, "cid": 4, "mode": "bt1120" }
+        },
         "interfaceA": { "hdmi1": { "chip": "7611" } }
       },
-      "chips": [ { "name": "hdmi1", "type": "7611", "bus": 1 } ],
+      "chips": [
+        { "name": "hdmi1", "type": "7611", "bus": 1 },
+        { "name": "mcu", "type": "Vesk", "version": "panel 2.1", "on_mode": "on", "cfgtype": "3",
+          "inputs": { "hdmi2": { "lock": 0 } } }
+      ],
       "timeline": [
         { "at": 0,  "chip": "hdmi1", "source": {} },
+        { "at": 0,  "mem": "0x1102A008", "value": 602 },
         { "at": 2,  "chip": "hdmi1", "source": { "width": 1920, "height": 1080, "framerate": 60 } },
+        { "at": 3,  "chip": "mcu", "input": "hdmi2",
+                    "source": { "lock": 2, "w": 1920, "h": 1080, "f": 50, "p": 1, "as": 48000 } },
+        { "at": 4,  "chip": "mcu", "key": "menu", "act": "press" },
+        { "at": 4.2, "chip": "mcu", "key": "menu", "act": "release" },
+        { "at": 5,  "ir": { "high": 0, "low": 1088438015, "state": 1 } },
+        { "at": 6,  "gpio": "GPIO2_1", "edges": [ { "ms": 0, "level": 0 }, { "ms": 4, "level": 1 },
+                    { "ms": 9, "level": 0 }, { "ms": 180, "level": 1 } ] },
         { "at": 8,  "chip": "hdmi1", "source": { "width": 1280, "height": 720, "framerate": 50 } },
+        { "at": 10, "chip": "mcu", "input": "hdmi2", "source": { "lock": 0 } },
         { "at": 12, "chip": "hdmi1", "source": {} }
       ]
     })";
