@@ -1,57 +1,51 @@
 #!/usr/bin/env bash
-# make_media.sh DIR: the media the network and file source tests play, made
-# once with ffmpeg and shared by every test process (the first one makes
-# them, the others wait on the lock).
+# make_media.sh DIR: the media of the source tests, made once and again when this script changes.
 set -euo pipefail
-out=${1:?usage: make_media.sh DIR}
-mkdir -p "$out"
-exec 9>"$out/.lock"
-flock 9
-[ -f "$out/.done" ] && exit 0
-
-cd "$out"
+stamp=$(md5sum <"${BASH_SOURCE[0]}")
+mkdir -p "$1/hls" && cd "$1"
+exec 9>.lock && flock 9
+[ "$(cat .done 2>/dev/null)" = "$stamp" ] && exit 0
 ff=(ffmpeg -nostdin -v error -y)
 video=(-f lavfi -i testsrc=size=320x240:rate=25)
-audio=(-f lavfi -i sine=frequency=440:sample_rate=48000)
+audio=(-f lavfi -i sine=frequency=440:sample_rate=48000 -c:a aac -ac 2 -b:a 96k)
 x264=(-c:v libx264 -preset ultrafast -g 25 -pix_fmt yuv420p)
 x265=(-c:v libx265 -preset ultrafast -g 25 -pix_fmt yuv420p -x265-params log-level=error)
-aac=(-c:a aac -ac 2 -b:a 96k)
-
-# H.264 + AAC: MP4 (length-prefixed units, avcC), MKV; 8 s for pacing.
-"${ff[@]}" "${video[@]}" "${audio[@]}" -t 8 "${x264[@]}" "${aac[@]}" -movflags +faststart av8.mp4
-"${ff[@]}" "${video[@]}" "${audio[@]}" -t 2 "${x264[@]}" "${aac[@]}" av2.mkv
-# High profile: its avcC carries fields behind the PPS.
-"${ff[@]}" "${video[@]}" -t 2 -c:v libx264 -preset fast -profile:v high -g 25 -pix_fmt yuv420p \
-  high2.mp4
-# H.265 in MKV (hvcC, no parameter sets in band) and in TS (start codes).
-"${ff[@]}" "${video[@]}" "${audio[@]}" -t 2 "${x265[@]}" "${aac[@]}" hevc2.mkv
-"${ff[@]}" "${video[@]}" "${audio[@]}" -t 2 "${x265[@]}" "${aac[@]}" -f mpegts hevc2.ts
-# MP3 with cover art.
-"${ff[@]}" -f lavfi -i color=c=blue:size=64x64 -frames:v 1 cover.png
-"${ff[@]}" -f lavfi -i sine=frequency=660:sample_rate=44100 -i cover.png -t 3 -map 0:a -map 1:v \
-  -c:a libmp3lame -b:a 64k -c:v png -disposition:v attached_pic -id3v2_version 3 tone.mp3
-# A clip short enough to reopen many times a second.
-"${ff[@]}" "${video[@]}" "${audio[@]}" -t 0.2 "${x264[@]}" "${aac[@]}" clip.mp4
-# FLV over HTTP: length-prefixed H.264 from the network; and a copy with
-# bytes trashed all over its tag bodies.
-"${ff[@]}" "${video[@]}" "${audio[@]}" -t 4 "${x264[@]}" "${aac[@]}" av4.flv
-/usr/bin/python3 - av4.flv bad.flv <<'EOF'
-import random, sys
-data = bytearray(open(sys.argv[1], 'rb').read())
-rng = random.Random(5)
-for i in range(4000, len(data), 997):
-    data[i] = rng.randrange(256)
+"${ff[@]}" "${video[@]}" "${audio[@]}" -t 8 "${x264[@]}" -movflags +faststart av8.mp4
+"${ff[@]}" "${video[@]}" "${audio[@]}" -t 2 "${x264[@]}" av2.mkv
+"${ff[@]}" "${video[@]}" "${audio[@]}" -t 0.2 "${x264[@]}" clip.mp4
+"${ff[@]}" "${video[@]}" "${audio[@]}" -t 6 "${x264[@]}" -f hls -hls_time 1 -hls_playlist_type vod \
+  -hls_segment_filename 'hls/seg%02d.ts' hls/index.m3u8
+"${ff[@]}" "${video[@]}" -t 2 "${x264[@]}" -preset fast -profile:v high high2.mp4
+"${ff[@]}" "${video[@]}" -t 2 "${x264[@]}" -f h264 - | "${ff[@]}" -f h264 -i - -c copy sps.mkv
+"${ff[@]}" "${video[@]}" -t 2 "${x265[@]}:repeat-headers=1" hevc2.mkv
+"${ff[@]}" "${video[@]}" "${audio[@]}" -t 2 "${x265[@]}" hevc2.ts
+"${ff[@]}" -f lavfi -i sine=frequency=660:sample_rate=44100 -f lavfi -i color=c=blue:size=64x64 \
+  -t 3 -map 0:a -map 1:v -frames:v 1 -c:a libmp3lame -c:v png -disposition:v attached_pic tone.mp3
+"${ff[@]}" -f lavfi -i testsrc=size=160x120:rate=25 "${audio[@]}" -t 3 "${x264[@]}" lp.flv
+"${ff[@]}" "${video[@]}" -t 3 "${x264[@]}" v3.ts
+"${ff[@]}" -f lavfi -i testsrc=size=160x120:rate=25 -t 4 -c:v libtheora -g 25 v4.ogg
+head -c $(($(stat -c %s av8.mp4) * 2 / 5)) av8.mp4 >truncated.mp4
+printf '1\n00:00:00,000 --> 00:00:01,000\nhello\n' >subs.srt
+/usr/bin/python3 - <<'EOF'
+import random
+rng, flv, i, tags = random.Random(5), open('lp.flv', 'rb').read(), 13, 0
+while i + 11 <= len(flv):  # video tags whose first length reads 00 00 01
+    tags += flv[i] == 9 and flv[i + 12] == 1 and flv[i + 16:i + 19] == b'\0\0\1'
+    i += 15 + int.from_bytes(flv[i + 1:i + 4], 'big')
+assert tags >= 10, 'lp.flv has too few delta frames whose length reads 00 00 01'
+bad = bytearray(flv)  # bytes trashed all over
+for i in range(4000, len(bad) - 4, 997):
+    bad[i] = rng.randrange(256)
     if rng.random() < 0.3:
-        data[i + 1:i + 4] = bytes([0xff, rng.randrange(256), 0])
-open(sys.argv[2], 'wb').write(data)
+        bad[i + 1:i + 4] = bytes([0xff, rng.randrange(256), 0])
+open('bad.flv', 'wb').write(bad)
+ts = open('v3.ts', 'rb').read()  # one TS packet out of frame 30
+pk = [ts[i:i + 188] for i in range(0, len(ts), 188)]
+video = [i for i, p in enumerate(pk) if ((p[1] & 0x1f) << 8 | p[2]) == 0x100]
+gone = video[video.index([i for i in video if pk[i][1] & 0x40][30]) + 1]
+open('ccgap.ts', 'wb').write(b''.join(pk[:gone] + pk[gone + 1:]))
+ogg = open('v4.ogg', 'rb').read()  # 100 kB without "OggS" halfway
+at = [i for i in range(len(ogg)) if ogg.startswith(b'OggS', i)][ogg.count(b'OggS') // 2]
+open('garbage.ogg', 'wb').write(ogg[:at] + bytes(rng.randrange(80, 256) for _ in range(100000)) + ogg[at:])
 EOF
-# Cut off in the middle of the media data.
-head -c $(($(stat -c %s av8.mp4) * 2 / 5)) av8.mp4 > truncated.mp4
-# Nothing a source can play: subtitles only.
-printf '1\n00:00:00,000 --> 00:00:01,000\nhello\n' > subs.srt
-# HLS, 6 s in 1 s segments, served by a plain HTTP server.
-mkdir -p hls
-"${ff[@]}" "${video[@]}" "${audio[@]}" -t 6 "${x264[@]}" "${aac[@]}" -f hls -hls_time 1 \
-  -hls_playlist_type vod -hls_segment_filename 'hls/seg%02d.ts' hls/index.m3u8
-
-touch .done
+echo "$stamp" >.done

@@ -1,13 +1,13 @@
 #include "source_rig.h"
 
+#include <gtest/gtest.h>
+
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QFile>
-#include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
-#include <QMutexLocker>
+#include <QTcpServer>
 #include <QTemporaryDir>
+#include <QUdpSocket>
 
 #include "frame/VeskHi.h"
 #include "host/VeskHost.h"
@@ -21,167 +21,113 @@ qint64 hostNow()
     return t;
 }
 
-// ---- sink ------------------------------------------------------------------------
-
-Sink::Sink()
-{
-    setName(QStringLiteral("sink"));
-    // Files read at full speed come in bursts; a packet dropped on the way
-    // would fail the decode checks for the wrong reason.
-    shareDepth = 256;
-}
-
 void Sink::record(bool video, const VeskObject::Packet& p)
 {
-    const Unit u{video, p.pts, hostNow(), p.frameType, QByteArray(p.data, p.len)};
     QMutexLocker lock(&mutex);
-    all[video] << u;
+    all[video] << Unit{p.pts, hostNow(), p.frameType, QByteArray(p.data, p.len), runs};
 }
 
-QList<Unit> Sink::units(bool video) const
+QList<Unit> Sink::units(bool video, int run) const
 {
     QMutexLocker lock(&mutex);
-    return all[video];
-}
-
-int Sink::count(bool video) const
-{
-    QMutexLocker lock(&mutex);
-    return all[video].size();
-}
-
-QByteArray Sink::videoBytes() const
-{
-    QMutexLocker lock(&mutex);
-    QByteArray out;
-    for (const Unit& u : all[true]) out += u.bytes;
+    QList<Unit> out;
+    for (const Unit& u : all[video])
+        if (!run || u.run == run) out << u;
     return out;
 }
 
-void Sink::clear()
-{
-    QMutexLocker lock(&mutex);
-    all[0].clear();
-    all[1].clear();
-}
-
-// ---- rig -------------------------------------------------------------------------
-
 Rig::Rig()
 {
-    sinkThread.setObjectName(QStringLiteral("sink"));
     sinkThread.start();
     sink.moveToThread(&sinkThread);
     QObject::connect(&graph, &VeskGraph::nodeEvent,
                      [this](const QString&, const QString& name, const QVariant& value) {
-                         seen << Event{hostNow(), name, keepValues ? value : QVariant()};
+                         seen << Event{hostNow(), name, value};
                      });
 }
 
 Rig::~Rig()
 {
+    // A start queued by add() is not known to the graph as one.
+    if (source) stop();
     VeskHost::detach(&sink);
     graph.shutdown();
-    QThread* home = QThread::currentThread();
     QMetaObject::invokeMethod(
-        &sink, [this, home] { sink.moveToThread(home); }, Qt::BlockingQueuedConnection);
+        &sink, [this, home = QThread::currentThread()] { sink.moveToThread(home); },
+        Qt::BlockingQueuedConnection);
     sinkThread.quit();
     sinkThread.wait();
 }
 
-QString Rig::create(const QString& className, const QString& node, const QVariantMap& data)
+void Rig::add(const QString& className, const QVariantMap& data, bool startNow)
 {
     QString error;
-    nodeName = node;
-    source = graph.create(className, node, QString(), &error);
-    if (!source) return error;
-    VeskHost::link(source, &sink, VeskHost::LinkA | VeskHost::LinkV);
-    graph.setData(node, data);
-    return QString();
-}
-
-void Rig::setData(const QVariantMap& data)
-{
-    graph.setData(nodeName, data);
-}
-
-QList<Event> Rig::events(const QString& name) const
-{
-    QList<Event> out;
-    for (const Event& e : seen)
-        if (name.isEmpty() || e.name == name) out << e;
-    return out;
+    VeskObject* n = source = graph.create(className, "src", QString(), &error);
+    ASSERT_TRUE(n) << error.toStdString();
+    VeskHost::link(n, &sink, VeskHost::LinkA | VeskHost::LinkV);
+    setData(data);
+    if (startNow)
+        QMetaObject::invokeMethod(
+            n, [n] { n->start(); }, Qt::QueuedConnection);
 }
 
 bool Rig::waitUntil(const std::function<bool()>& done, int ms)
 {
     QElapsedTimer t;
-    t.start();
-    while (!done()) {
+    for (t.start(); !done || !done(); QThread::msleep(5)) {
         if (t.elapsed() > ms) return false;
         QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-        QThread::msleep(5);
     }
     return true;
 }
 
-bool Rig::waitEvent(const QString& name, int count, int ms)
+int freePort(bool udp)
 {
-    return waitUntil([&] { return events(name).size() >= count; }, ms);
+    QUdpSocket u;
+    QTcpServer t;
+    EXPECT_TRUE(udp ? u.bind(QHostAddress(QHostAddress::LocalHost), 0)
+                    : t.listen(QHostAddress::LocalHost, 0));
+    return udp ? u.localPort() : t.serverPort();
 }
 
-void Rig::pump(int ms)
+bool waitListening(int port, int ms)
 {
-    waitUntil([] { return false; }, ms);
-}
-
-QVariantMap Rig::ready(int index) const
-{
-    return events(QStringLiteral("ready")).value(index).value.toMap();
-}
-
-// ---- children ----------------------------------------------------------------------
-
-QByteArray firstLine(QProcess& process, int ms)
-{
+    // Local address, remote address, state: 0A is listening.
+    const QByteArray listening = QStringLiteral(":%1 00000000:0000 0A")
+                                     .arg(port, 4, 16, QLatin1Char('0'))
+                                     .toUpper()
+                                     .toLatin1();
     QElapsedTimer t;
-    t.start();
-    QByteArray out;
-    while (!out.contains('\n') && t.elapsed() < ms && process.state() == QProcess::Running) {
-        process.waitForReadyRead(200);
-        out += process.readAllStandardOutput();
+    for (t.start(); t.elapsed() < ms; QThread::msleep(20)) {
+        QFile f("/proc/net/tcp");
+        if (f.open(QIODevice::ReadOnly) && f.readAll().contains(listening)) return true;
     }
-    return out;
+    return false;
 }
 
-// ---- ffprobe -----------------------------------------------------------------------
-
-Probe ffprobe(const QByteArray& bytes, const QString& format)
+QJsonObject veskhostProbe(const QString& program, const QString& url, int seconds, int* code)
 {
-    Probe p;
+    QProcess p;
+    p.start(program, {"probe", url, "--seconds", QString::number(seconds), "--json"});
+    if (!p.waitForFinished(60000)) p.kill();
+    *code = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    return QJsonDocument::fromJson(p.readAllStandardOutput().trimmed().split('\n').last()).object();
+}
+
+QJsonObject ffprobe(const QByteArray& bytes, const QString& format)
+{
     QTemporaryDir dir;
-    QFile f(dir.filePath(QStringLiteral("stream.") + format));
-    if (!f.open(QIODevice::WriteOnly) || f.write(bytes) != bytes.size()) return p;
-    f.close();
+    QFile f(dir.filePath("stream." + format));
     QProcess probe;
-    probe.start(QStringLiteral("ffprobe"),
-                {"-v", "error", "-count_frames", "-f", format, "-show_entries",
-                 "stream=codec_name,width,height,sample_rate,channels,nb_read_frames", "-of",
-                 "json", f.fileName()});
-    if (!probe.waitForFinished(60000)) return p;
-    p.errors = QString::fromUtf8(probe.readAllStandardError()).trimmed();
-    const QJsonArray streams =
-        QJsonDocument::fromJson(probe.readAllStandardOutput()).object().value("streams").toArray();
-    if (probe.exitCode() != 0 || streams.isEmpty()) return p;
-    const QJsonObject s = streams.first().toObject();
-    p.codec = s.value("codec_name").toString();
-    p.width = s.value("width").toInt();
-    p.height = s.value("height").toInt();
-    p.sampleRate = s.value("sample_rate").toString().toInt();
-    p.channels = s.value("channels").toInt();
-    p.frames = s.value("nb_read_frames").toString().toInt();
-    p.ok = true;
-    return p;
+    if (f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size() && f.flush())
+        probe.start("ffprobe",
+                    {"-v", "error", "-count_frames", "-f", format, "-show_entries",
+                     "stream=codec_name,width,height,nb_read_frames", "-of", "json", f.fileName()});
+    probe.waitForFinished(60000);
+    QJsonObject s = QJsonDocument::fromJson(probe.readAllStandardOutput())["streams"][0].toObject();
+    s["frames"] = s["nb_read_frames"].toString().toInt();
+    s["errors"] = QString(probe.readAllStandardError()).trimmed();
+    return s;
 }
 
 }  // namespace srcrig

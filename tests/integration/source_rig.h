@@ -1,15 +1,13 @@
 // What the source tests have in common, whatever the protocol: one source
 // node in a graph with a recording sink in a thread of its own, the events
-// the graph reports, and ffprobe as the judge of what came out.
+// the graph reports, peers as child processes and ffprobe as the judge of
+// what came out.
 #pragma once
 
-#include <QByteArray>
-#include <QList>
+#include <QJsonObject>
 #include <QMutex>
 #include <QProcess>
-#include <QString>
 #include <QThread>
-#include <QVariant>
 #include <functional>
 
 #include "frame/VeskObject.h"
@@ -17,15 +15,24 @@
 
 namespace srcrig {
 
-// Host clock (VeskHi::getPTS), microseconds.
-qint64 hostNow();
+qint64 hostNow();  // VeskHi::getPTS, microseconds
+
+// The values of `keys` in `map` as text, joined by blanks: a stream
+// description compared, and shown when it differs, at once.
+inline std::string pick(const QVariantMap& map, const QStringList& keys)
+{
+    QStringList values;
+    for (const QString& key : keys) values << map.value(key).toString();
+    return values.join(' ').toStdString();
+}
 
 struct Unit {
-    bool video = false;
     qint64 pts = 0;
     qint64 arrival = 0;  // host clock when the sink got it
     int frameType = 0;
     QByteArray bytes;
+    int run = 0;  // video announcements the sink had seen: one per opening
+    qint64 ahead() const { return pts - arrival; }
 };
 
 struct Event {
@@ -36,49 +43,63 @@ struct Event {
 
 class Sink : public VeskObject {
 public:
-    Sink();
+    Sink()
+    {
+        setName("sink");
+        shareDepth = 256;  // a file read at full speed comes in bursts
+    }
     void onNewPacketA(VeskObject::Packet p) override { record(false, p); }
     void onNewPacketV(VeskObject::Packet p) override { record(true, p); }
-
-    QList<Unit> units(bool video) const;
-    int count(bool video) const;
-    // The video units back to back, as a decoder reads the stream.
-    QByteArray videoBytes() const;
-    void clear();
+    void onNewInfoV(VeskObject::StreamInfo) override { ++runs; }
+    QList<Unit> units(bool video, int run = 0) const;  // of one opening, or all
+    int count(bool video) const { return units(video).size(); }
 
 private:
     void record(bool video, const VeskObject::Packet& p);
     mutable QMutex mutex;
     QList<Unit> all[2];
+    int runs = 0;
 };
 
-// The graph, the sink and the events; what kind of source goes in, and
-// under which node name, is up to the protocol's rig.
 class Rig {
 public:
     Rig();
     ~Rig();
-    void setData(const QVariantMap& data);
+    // Creates the source, linked to the sink, with `data` applied. `start`
+    // queues its start in its own thread without waiting: a network source
+    // opens inside it, and the test must stay free to start its peer.
+    void add(const QString& className, const QVariantMap& data, bool start = true);
+    void start() { graph.start("src"); }  // these wait for the node
+    void stop() { graph.stop("src"); }
+    void setData(const QVariantMap& data) { graph.setData("src", data); }
+    QVariant invoke(const QString& m, const QVariant& a = {}) { return graph.invoke("src", m, a); }
+    QVariantMap data()
+    {
+        QVariantMap copy;
+        VeskGraph::runIn(source, [&] { copy = source->data; });
+        return copy;
+    }
 
-    // Every event when `name` is empty.
-    QList<Event> events(const QString& name = QString()) const;
+    QList<Event> events(const QString& name = {}) const  // every one when empty
+    {
+        QList<Event> out;
+        for (const Event& e : seen)
+            if (name.isEmpty() || e.name == name) out << e;
+        return out;
+    }
     // Runs the test thread's event loop until `done` holds or `ms` passed.
     bool waitUntil(const std::function<bool()>& done, int ms);
-    bool waitEvent(const QString& name, int count, int ms);
-    void pump(int ms);
-    QVariantMap ready(int index = 0) const;
+    void pump(int ms) { waitUntil(nullptr, ms); }
+    bool waitEvent(const QString& name, int n, int ms)
+    {
+        return waitUntil([&] { return events(name).size() >= n; }, ms);
+    }
+    QVariantMap ready(int i = 0) const { return events("ready").value(i).value.toMap(); }
 
     Sink sink;
-    bool keepValues = true;  // off: a long run does not grow the test itself
 
 protected:
-    // Creates the source as `node`, linked to the sink, with `data` applied.
-    // When the graph refuses, `source` stays null and its reason is returned
-    // for the caller to fail the test as hard as it needs.
-    QString create(const QString& className, const QString& node, const QVariantMap& data);
-
     VeskGraph graph;
-    QString nodeName;
     VeskObject* source = nullptr;
 
 private:
@@ -86,22 +107,31 @@ private:
     QList<Event> seen;
 };
 
-// Reads a child's standard output until a whole line came, the child ended
-// or `ms` passed; what was read, for the caller to judge.
-QByteArray firstLine(QProcess& process, int ms);
-
-struct Probe {
-    bool ok = false;
-    QString errors;  // what ffprobe complained about while decoding
-    QString codec;
-    int width = 0;
-    int height = 0;
-    int sampleRate = 0;
-    int channels = 0;
-    int frames = 0;
+// A child process, killed when the object goes; what it says on stderr
+// goes to the test's.
+class Peer : public QProcess {
+public:
+    Peer(const QString& program, const QStringList& args)
+    {
+        setStandardOutputFile(QProcess::nullDevice());
+        setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        start(program, args);
+    }
+    ~Peer() override { close(); }
 };
+
+int freePort(bool udp = false);  // on 127.0.0.1
+// Read from /proc, so that a peer serving one client only is not used up by
+// looking.
+bool waitListening(int port, int ms = 15000);
+
+// `veskhost probe URL --seconds N --json` with the veskhost at `program`:
+// its exit code and its report.
+QJsonObject veskhostProbe(const QString& program, const QString& url, int seconds, int* code);
+
 // Decodes every frame of `bytes`, given as a file in `format` (an ffmpeg
-// demuxer: "h264", "hevc", "aac", "alaw"...).
-Probe ffprobe(const QByteArray& bytes, const QString& format);
+// demuxer: "h264", "hevc", "aac"...): the stream's "codec_name", "width" and
+// "height", the "frames" decoded, and what ffprobe said, as "errors".
+QJsonObject ffprobe(const QByteArray& bytes, const QString& format);
 
 }  // namespace srcrig
