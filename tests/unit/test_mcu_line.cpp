@@ -10,6 +10,7 @@
 #include <QSerialPort>
 #include <QTimer>
 
+#include "device/VeskDevice.h"
 #include "driver/mcu/DriverVesk.h"
 #include "frame/VeskSys.h"
 #include "sim/EmuMcu.h"
@@ -244,6 +245,26 @@ TEST_F(McuLine, ConfigurationIsCorrectedOnlyWhenTheBootModeDiffers)
                                                     {"KeyConfirm", 1000},
                                                     {"SeqNum", 100}}));
     }
+}
+
+TEST_F(McuLine, DeviceNodeTakesThePanelKeysAndSendsPowerOffAndTheBootMode)
+{
+    VeskDevice dev;
+    QStringList raised;
+    QObject::connect(&dev, &VeskObject::raised,
+                     [&](QString name, QVariant v) { raised << name + "=" + v.toString(); });
+    video->registDev(&dev);
+    emu->sendRaw(keyFrame("ok"));
+    ASSERT_TRUE(waitFor([&] { return !raised.isEmpty(); }));
+    EXPECT_EQ(raised, QStringList{"keyPress=ok"});
+
+    EXPECT_EQ(dev.setBootMode("standby"), QVariant(true));
+    EXPECT_EQ(DriverVesk::instance->bootMode, "standby");
+    EXPECT_EQ(dev.poweroff(), QVariant(true));
+    barrier();
+    const auto got = emu->received();
+    EXPECT_EQ(got[got.size() - 2],
+              (QVariantMap{{"Cmd", "power"}, {"act", "off"}, {"SeqNum", 100}}));
 }
 
 }  // namespace
