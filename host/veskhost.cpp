@@ -154,27 +154,36 @@ bool readJson(const QString& path, QJsonDocument* doc, QString* why)
     return true;
 }
 
+// The scenario named by --sim, or the default board's. Returns an exit
+// code, or -1 to go on.
+int readScenario(const Options& o, QVariantMap* scenario)
+{
+    if (o.scenario.isEmpty()) {
+        *scenario = vsim::defaultScenario();
+        return -1;
+    }
+    QJsonDocument doc;
+    QString why;
+    if (!readJson(o.scenario, &doc, &why)) {
+        complain(why);
+        return 2;
+    }
+    if (!doc.isObject()) {
+        complain(QStringLiteral("%1: the scenario is not a JSON object").arg(o.scenario));
+        return 2;
+    }
+    *scenario = VeskHost::fromJson(doc.object()).toMap();
+    return -1;
+}
+
 // Sets the board description and brings the virtual board up. Returns an
 // exit code, or -1 to go on.
 int prepareBoard(const Options& o, bool boardRequired)
 {
     QVariantMap scenario;
     if (o.sim) {
-        if (o.scenario.isEmpty()) {
-            scenario = vsim::defaultScenario();
-        } else {
-            QJsonDocument doc;
-            QString why;
-            if (!readJson(o.scenario, &doc, &why)) {
-                complain(why);
-                return 2;
-            }
-            if (!doc.isObject()) {
-                complain(QStringLiteral("%1: the scenario is not a JSON object").arg(o.scenario));
-                return 2;
-            }
-            scenario = VeskHost::fromJson(doc.object()).toMap();
-        }
+        const int code = readScenario(o, &scenario);
+        if (code >= 0) return code;
     }
 
     QJsonValue boardJson;
@@ -280,8 +289,8 @@ int runGraph(const Options& o, QCoreApplication& app)
         if (DriverVesk::instance)
             DriverVesk::instance->registDev(node);
         else
-            complain(QStringLiteral("%1: no microcontroller on this board, no keys")
-                         .arg(node->name()));
+            complain(
+                QStringLiteral("%1: no microcontroller on this board, no keys").arg(node->name()));
     }
 
     if (o.seconds > 0)
@@ -444,16 +453,9 @@ int watchLine(const QStringList& args, QCoreApplication& app)
     if (o.sim && !port.isEmpty()) return usage(QStringLiteral("mcu: --port or --sim, not both"));
 
     if (o.sim) {
-        QVariantMap scenario = vsim::defaultScenario();
-        if (!o.scenario.isEmpty()) {
-            QJsonDocument doc;
-            QString why;
-            if (!readJson(o.scenario, &doc, &why)) {
-                complain(why);
-                return 2;
-            }
-            scenario = VeskHost::fromJson(doc.object()).toMap();
-        }
+        QVariantMap scenario;
+        const int code = readScenario(o, &scenario);
+        if (code >= 0) return code;
         addMicrocontroller(&scenario);
         vsim::Board& b = vsim::Board::instance();
         b.activate();
