@@ -4,6 +4,10 @@
 #include <functional>
 
 #include "driver/DriverBase.h"
+#include "driver/audio/DriverCS5368.h"
+#include "driver/audio/DriverCx207.h"
+#include "driver/audio/DriverES8388.h"
+#include "driver/audio/DriverTlv32.h"
 #include "driver/mcu/DriverVesk.h"
 #include "driver/video/Driver6604.h"
 #include "driver/video/Driver6911UXC.h"
@@ -48,9 +52,9 @@ const QList<QPair<QString, Make>>& videoTable()
 const QList<QPair<QString, Make>>& audioTable()
 {
     static const QList<QPair<QString, Make>> table = {
-        {"cs5368", make<DriverBase>()}, {"tlv32", make<DriverBase>()},
-        {"cx207", make<DriverBase>()},  {"Vesk", make<DriverVesk>()},
-        {"TC7509", make<DriverBase>()}, {"ES8388", make<DriverBase>()},
+        {"cs5368", make<DriverCS5368>()}, {"tlv32", make<DriverTlv32>()},
+        {"cx207", make<DriverCx207>()},   {"Vesk", make<DriverVesk>()},
+        {"TC7509", make<DriverBase>()},   {"ES8388", make<DriverES8388>()},
         {"IT6801", make<DriverBase>()},
     };
     return table;

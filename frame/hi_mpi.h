@@ -51,6 +51,29 @@ enum {
 #define OT_ERR_VPSS_ILLEGAL_PARAM OT_DEFINE_ERR(OT_ID_VPSS, OT_ERR_ILLEGAL_PARAM)
 #define OT_ERR_VPSS_NULL_PTR OT_DEFINE_ERR(OT_ID_VPSS, OT_ERR_NULL_PTR)
 
+#define OT_ERR_AI_INVALID_DEV_ID OT_DEFINE_ERR(OT_ID_AI, OT_ERR_INVALID_DEV_ID)
+#define OT_ERR_AI_INVALID_CHN_ID OT_DEFINE_ERR(OT_ID_AI, OT_ERR_INVALID_CHN_ID)
+#define OT_ERR_AI_ILLEGAL_PARAM OT_DEFINE_ERR(OT_ID_AI, OT_ERR_ILLEGAL_PARAM)
+#define OT_ERR_AI_NULL_PTR OT_DEFINE_ERR(OT_ID_AI, OT_ERR_NULL_PTR)
+#define OT_ERR_AI_NOT_CONFIG OT_DEFINE_ERR(OT_ID_AI, OT_ERR_NOT_CONFIG)
+#define OT_ERR_AI_NOT_PERM OT_DEFINE_ERR(OT_ID_AI, OT_ERR_NOT_PERM)
+#define OT_ERR_AI_BUF_EMPTY OT_DEFINE_ERR(OT_ID_AI, OT_ERR_BUF_EMPTY)
+#define OT_ERR_AI_BUSY OT_DEFINE_ERR(OT_ID_AI, OT_ERR_BUSY)
+// Attributes given to a device that is already enabled: refused, the device
+// keeps what it has (0xA015800D). Several nodes may share one device, so
+// callers take it as success.
+#define OT_ERR_AI_DEV_ATTR_SET OT_DEFINE_ERR(OT_ID_AI, 13)
+
+#define OT_ERR_AO_INVALID_DEV_ID OT_DEFINE_ERR(OT_ID_AO, OT_ERR_INVALID_DEV_ID)
+#define OT_ERR_AO_INVALID_CHN_ID OT_DEFINE_ERR(OT_ID_AO, OT_ERR_INVALID_CHN_ID)
+#define OT_ERR_AO_ILLEGAL_PARAM OT_DEFINE_ERR(OT_ID_AO, OT_ERR_ILLEGAL_PARAM)
+#define OT_ERR_AO_NULL_PTR OT_DEFINE_ERR(OT_ID_AO, OT_ERR_NULL_PTR)
+#define OT_ERR_AO_NOT_CONFIG OT_DEFINE_ERR(OT_ID_AO, OT_ERR_NOT_CONFIG)
+#define OT_ERR_AO_NOT_SUPPORT OT_DEFINE_ERR(OT_ID_AO, OT_ERR_NOT_SUPPORT)
+#define OT_ERR_AO_NOT_PERM OT_DEFINE_ERR(OT_ID_AO, OT_ERR_NOT_PERM)
+#define OT_ERR_AO_BUF_FULL OT_DEFINE_ERR(OT_ID_AO, OT_ERR_BUF_FULL)
+#define OT_ERR_AO_BUSY OT_DEFINE_ERR(OT_ID_AO, OT_ERR_BUSY)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -91,6 +114,59 @@ td_s32 hi_mpi_vdec_release_frame(ot_vdec_chn chn, const ot_video_frame_info* fra
 // with wall time afterwards. Microseconds.
 td_s32 hi_mpi_sys_init_pts_base(td_u64 pts_base);
 td_s32 hi_mpi_sys_sync_pts(td_u64 pts_base);
+
+// ---- audio input ----------------------------------------------------------------
+// Attributes are set while the device is disabled; channels (0 to chn_cnt - 1,
+// half that in stereo) are enabled on an enabled device. Resampling is
+// switched on a channel with the rate it delivers. A channel hands frames to
+// the user only with a user frame depth above 0; get_fd gives a descriptor
+// that polls readable while a frame waits. milli_sec: -1 waits without limit,
+// 0 not at all.
+td_s32 hi_mpi_ai_set_pub_attr(ot_audio_dev dev, const ot_aio_attr* attr);
+td_s32 hi_mpi_ai_get_pub_attr(ot_audio_dev dev, ot_aio_attr* attr);
+td_s32 hi_mpi_ai_enable(ot_audio_dev dev);
+td_s32 hi_mpi_ai_disable(ot_audio_dev dev);
+td_s32 hi_mpi_ai_enable_chn(ot_audio_dev dev, ot_ai_chn chn);
+td_s32 hi_mpi_ai_disable_chn(ot_audio_dev dev, ot_ai_chn chn);
+td_s32 hi_mpi_ai_enable_resample(ot_audio_dev dev, ot_ai_chn chn, td_u32 out_sample_rate);
+td_s32 hi_mpi_ai_disable_resample(ot_audio_dev dev, ot_ai_chn chn);
+td_s32 hi_mpi_ai_set_chn_param(ot_audio_dev dev, ot_ai_chn chn, const ot_ai_chn_param* param);
+td_s32 hi_mpi_ai_get_fd(ot_audio_dev dev, ot_ai_chn chn);
+td_s32 hi_mpi_ai_get_frame(ot_audio_dev dev, ot_ai_chn chn, ot_audio_frame* frame,
+                           ot_aec_frame* aec_frame, td_s32 milli_sec);
+td_s32 hi_mpi_ai_release_frame(ot_audio_dev dev, ot_ai_chn chn, const ot_audio_frame* frame,
+                               const ot_aec_frame* aec_frame);
+
+// ---- audio output -----------------------------------------------------------------
+// Attributes are set while the device is disabled; a channel (0 to chn_cnt -
+// 1, half that in stereo) is enabled on an enabled device. The device plays
+// frames from its buffer of frame_num frames at its own clock; resampling on
+// a channel converts frames sent at `in_sample_rate` to the device's rate.
+// send_frame takes the samples through the physical addresses of the frame's
+// blocks. milli_sec: -1 waits for room without limit, 0 not at all, above 0
+// at most that long; a full buffer then gives OT_ERR_AO_BUF_FULL.
+td_s32 hi_mpi_ao_set_pub_attr(ot_audio_dev dev, const ot_aio_attr* attr);
+td_s32 hi_mpi_ao_get_pub_attr(ot_audio_dev dev, ot_aio_attr* attr);
+td_s32 hi_mpi_ao_enable(ot_audio_dev dev);
+td_s32 hi_mpi_ao_disable(ot_audio_dev dev);
+td_s32 hi_mpi_ao_enable_chn(ot_audio_dev dev, ot_ao_chn chn);
+td_s32 hi_mpi_ao_disable_chn(ot_audio_dev dev, ot_ao_chn chn);
+td_s32 hi_mpi_ao_enable_resample(ot_audio_dev dev, ot_ao_chn chn, td_u32 in_sample_rate);
+td_s32 hi_mpi_ao_disable_resample(ot_audio_dev dev, ot_ao_chn chn);
+td_s32 hi_mpi_ao_query_chn_status(ot_audio_dev dev, ot_ao_chn chn, ot_ao_chn_state* status);
+td_s32 hi_mpi_ao_send_frame(ot_audio_dev dev, ot_ao_chn chn, const ot_audio_frame* frame,
+                            td_s32 milli_sec);
+td_s32 hi_mpi_ao_clr_chn_buf(ot_audio_dev dev, ot_ao_chn chn);
+
+// ---- video buffer pools -------------------------------------------------------------
+// get_blk with OT_VB_INVALID_POOL_ID takes a block from the common pool;
+// OT_VB_INVALID_HANDLE when none is left or the size is 0 or too large.
+// sys_mmap maps physical memory of a block into the process.
+ot_vb_blk hi_mpi_vb_get_blk(ot_vb_pool pool, td_u64 blk_size, const td_char* mmz_name);
+td_s32 hi_mpi_vb_release_blk(ot_vb_blk block);
+ot_vb_pool hi_mpi_vb_handle_to_pool_id(ot_vb_blk block);
+td_phys_addr_t hi_mpi_vb_handle_to_phys_addr(ot_vb_blk block);
+td_void* hi_mpi_sys_mmap(td_phys_addr_t phys_addr, td_u32 size);
 
 // ---- video processing -----------------------------------------------------------
 td_s32 hi_mpi_vpss_send_frame(ot_vpss_grp grp, const ot_video_frame_info* frame, td_s32 milli_sec);

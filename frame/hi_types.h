@@ -24,6 +24,10 @@ typedef enum {
     OT_ID_VDEC = 5,
     OT_ID_VO = 15,
     OT_ID_VI = 16,
+    OT_ID_AI = 21,
+    OT_ID_AO = 22,
+    OT_ID_VB = 1,
+    OT_ID_SYS = 2,
     OT_ID_VPSS = 32,
     OT_ID_USER = 87,
 } ot_mod_id;
@@ -285,6 +289,108 @@ typedef struct {
     int32_t compress_mode;
 } ot_vo_video_layer_attr;
 
+// ---- audio input and output units ------------------------------------------
+
+typedef int32_t ot_audio_dev;
+typedef int32_t ot_ai_chn;
+
+enum {
+    OT_AI_DEV_MAX_NUM = 4,
+    OT_AIO_MAX_CHN_NUM = 16,
+    OT_MAX_AUDIO_FRAME_NUM = 50,
+    OT_MAX_AUDIO_POINT_NUM = 4096,  // a frame resampled down may be this long
+    OT_MIN_AUDIO_POINT_NUM = 80,
+};
+
+// ot_aio_attr.bit_width
+enum {
+    OT_AUDIO_BIT_WIDTH_8 = 0,
+    OT_AUDIO_BIT_WIDTH_16 = 1,
+    OT_AUDIO_BIT_WIDTH_24 = 2,
+};
+
+// ot_aio_attr.work_mode: who drives the bit clock. Master modes run from the
+// unit's own clock at the configured rate; slave modes follow the codec or
+// receiver on the other end, whatever rate that one runs at.
+enum {
+    OT_AIO_MODE_I2S_MASTER = 0,
+    OT_AIO_MODE_I2S_SLAVE = 1,
+    OT_AIO_MODE_PCM_SLAVE_STD = 2,
+    OT_AIO_MODE_PCM_SLAVE_NON_STD = 3,
+};
+
+// ot_aio_attr.snd_mode: stereo frames carry left and right as two planes.
+enum {
+    OT_AUDIO_SOUND_MODE_MONO = 0,
+    OT_AUDIO_SOUND_MODE_STEREO = 1,
+};
+
+// ot_aio_attr.i2s_type: which lanes the unit listens to.
+enum {
+    OT_AIO_I2STYPE_INNERCODEC = 0,
+    OT_AIO_I2STYPE_INNERHDMI = 1,
+    OT_AIO_I2STYPE_EXTERN = 2,
+};
+
+typedef struct {
+    uint32_t sample_rate;  // Hz
+    int32_t bit_width;
+    int32_t work_mode;
+    int32_t snd_mode;
+    uint32_t expand_flag;          // 8-bit samples widened to 16
+    uint32_t frame_num;            // frames the unit holds
+    uint32_t point_num_per_frame;  // samples per channel and frame
+    uint32_t chn_cnt;              // lanes of the device: 1, 2, 4, 8 or 16
+    uint32_t clk_share;            // input and output share one clock
+    int32_t i2s_type;
+} ot_aio_attr;
+
+// One frame of samples. A stereo frame has its left samples at virt_addr[0]
+// and its right ones at virt_addr[1], `len` bytes each.
+typedef struct {
+    int32_t bit_width;
+    int32_t snd_mode;
+    uint64_t virt_addr[2];
+    uint64_t phys_addr[2];
+    uint64_t time_stamp;  // microseconds, of the first sample
+    uint32_t seq;
+    uint32_t len;  // bytes per plane
+    uint32_t pool_id[2];
+} ot_audio_frame;
+
+// The echo reference that comes with a captured frame when echo cancelling
+// runs inside the unit.
+typedef struct {
+    ot_audio_frame ref_frame;
+    uint32_t valid;
+    uint32_t sys_bind;
+} ot_aec_frame;
+
+typedef struct {
+    uint32_t usr_frame_depth;  // frames kept for get_frame; 0: none
+} ot_ai_chn_param;
+
+// ---- audio output unit and video buffer pools ---------------------------------
+
+typedef int32_t ot_ao_chn;
+
+enum {
+    OT_AO_DEV_MAX_NUM = 4,
+};
+
+// What hi_mpi_ao_query_chn_status reports: the device's frame buffers, and
+// how many of them hold samples not yet played.
+typedef struct {
+    uint32_t chn_total_num;
+    uint32_t chn_free_num;
+    uint32_t chn_busy_num;
+} ot_ao_chn_state;
+
+typedef uint32_t ot_vb_pool;
+typedef uint32_t ot_vb_blk;
+#define OT_VB_INVALID_POOL_ID ((ot_vb_pool)-1)
+#define OT_VB_INVALID_HANDLE ((ot_vb_blk)-1)
+
 // The kernel side reads these records by word position; a layout change is
 // a silent misconfiguration, so pin it down.
 #include <cstddef>
@@ -298,3 +404,5 @@ static_assert(offsetof(ot_vi_chn_attr, frame_rate_ctrl) == 12 * 4, "ot_vi_chn_at
 static_assert(sizeof(ot_vi_chn_attr) == 14 * 4, "ot_vi_chn_attr size");
 static_assert(offsetof(ot_vi_user_pic_attr, frame_info) == 8, "ot_vi_user_pic_attr layout");
 static_assert(offsetof(ot_vdec_chn_attr, frame_buf_cnt) == 6 * 4, "ot_vdec_chn_attr layout");
+static_assert(sizeof(ot_aio_attr) == 10 * 4, "ot_aio_attr size");
+static_assert(offsetof(ot_audio_frame, time_stamp) == 40, "ot_audio_frame layout");

@@ -108,6 +108,7 @@ struct MediaPlatform::Impl {
 
     QMap<QString, Failure> failures;
     QList<MediaPlatform::Call> log;
+    std::vector<std::function<void()>> resetHooks;
 
     MediaPlatform::ViDev dev[OT_VI_MAX_DEV_NUM];
     MediaPlatform::ViChn chn[OT_VI_MAX_CHN_NUM];
@@ -425,9 +426,34 @@ MediaPlatform::~MediaPlatform()
 
 void MediaPlatform::reset()
 {
+    std::vector<std::function<void()>> hooks;
+    {
+        std::lock_guard<std::mutex> g(d->lock);
+        d->resetAll();
+        d->changed.notify_all();
+        hooks = d->resetHooks;
+    }
+    for (auto& hook : hooks) hook();
+}
+
+int MediaPlatform::runCall(const char* name, QVariantList args, const std::function<int()>& body)
+{
+    int result = 0;
+    bool failed;
+    {
+        std::lock_guard<std::mutex> g(d->lock);
+        failed = d->takeFailure(QLatin1String(name), &result);
+    }
+    if (!failed) result = body();
     std::lock_guard<std::mutex> g(d->lock);
-    d->resetAll();
-    d->changed.notify_all();
+    d->log.append(Call{QLatin1String(name), std::move(args), result});
+    return result;
+}
+
+void MediaPlatform::onReset(std::function<void()> hook)
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    d->resetHooks.push_back(std::move(hook));
 }
 
 void MediaPlatform::failNext(const QString& call, int code, int times)

@@ -15,6 +15,7 @@
 #include <QString>
 #include <QStringList>
 #include <QVariantList>
+#include <functional>
 #include <memory>
 
 #include "frame/hi_mipi.h"
@@ -47,6 +48,14 @@ public:
         QVariantList args;  // device, channel or group first
         int result = 0;
     };
+    // Units kept in files of their own (the audio units) run each of their
+    // calls through here, so that the failure switches and the call log
+    // cover them as they cover the rest. `body` runs without the platform's
+    // lock; such a unit keeps its own.
+    int runCall(const char* name, QVariantList args, const std::function<int()>& body);
+    // Such units go back to power-on with reset() through these.
+    void onReset(std::function<void()> hook);
+
     QList<Call> calls() const;
     QStringList callNames() const;
     void clearCalls();

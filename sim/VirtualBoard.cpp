@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "sim/AudioIn.h"
 #include "sim/I2cBus.h"
 #include "sim/MediaPlatform.h"
 #include "sim/Peripherals.h"
@@ -512,6 +513,7 @@ bool Board::applyStep(const QVariantMap& step, QString* error)
         if (!e.isEmpty() && error) *error = e;
         return e.isEmpty();
     }
+    if (step.contains("ai")) return AudioIn::instance().applyStep(step, error);
     bool handled = false;
     bool done = applyPeripheralStep(step, error, &handled);
     if (handled) return done;
