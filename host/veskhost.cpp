@@ -26,6 +26,7 @@
 #include "frame/Vesk.h"
 #include "host/VeskGraph.h"
 #include "host/probe.h"
+#include "sim/AudioOut.h"
 #include "sim/VirtualBoard.h"
 
 namespace {
@@ -37,13 +38,14 @@ const char kUsage[] =
     "usage:\n"
     "  veskhost classes\n"
     "  veskhost run GRAPH.json [--board BOARD.json] [--sim [SCENARIO.json]] [--seconds N]\n"
-    "                          [--json] [--debug]\n"
+    "                          [--json] [--debug] [--wav [DEV=]FILE ...]\n"
     "  veskhost signals --board BOARD.json [--sim [SCENARIO.json]] [--seconds N] [--json]\n"
-    "                   [--debug]\n"
+    "                   [--debug] [--wav [DEV=]FILE ...]\n"
     "  veskhost probe URL [--seconds N] [--json] [--set KEY=VALUE ...]\n"
     "  veskhost mcu [--port PATH | --sim [SCENARIO.json]] [--send JSON ...] [--seconds N]\n"
     "               [--json]\n"
-    "With --sim and no --board, the scenario's \"board\" is the board.\n";
+    "With --sim and no --board, the scenario's \"board\" is the board; --wav records\n"
+    "what its audio output DEV (default 0) plays.\n";
 
 void printLine(const QString& line)
 {
@@ -101,6 +103,8 @@ struct Options {
     bool json = false;
     bool debug = false;
     double seconds = -1;
+    // Board audio output device -> WAV file of what it plays.
+    QMap<int, QString> wavs;
 };
 
 bool parseOptions(const QStringList& args, Options* o, QString* why)
@@ -128,6 +132,18 @@ bool parseOptions(const QStringList& args, Options* o, QString* why)
             o->json = true;
         } else if (a == QLatin1String("--debug")) {
             o->debug = true;
+        } else if (a == QLatin1String("--wav")) {
+            // DEV=FILE, or FILE alone for output device 0.
+            const QString spec = hasNext ? args[++i] : QString();
+            const int eq = spec.indexOf(QLatin1Char('='));
+            bool ok = eq < 0;
+            const int dev = eq < 0 ? 0 : spec.left(eq).toInt(&ok);
+            const QString file = spec.mid(eq + 1);
+            if (!ok || dev < 0 || file.isEmpty()) {
+                *why = QStringLiteral("--wav needs FILE or DEVICE=FILE");
+                return false;
+            }
+            o->wavs[dev] = QFileInfo(file).absoluteFilePath();
         } else {
             *why = QStringLiteral("unexpected argument \"%1\"").arg(a);
             return false;
@@ -224,7 +240,11 @@ int prepareBoard(const Options& o, bool boardRequired)
             complain(QStringLiteral("scenario: ") + error);
             return 2;
         }
+        for (auto it = o.wavs.begin(); it != o.wavs.end(); ++it)
+            vsim::AudioOut::instance().setWavPath(it.key(), it.value());
         b.startScenario();
+    } else if (!o.wavs.isEmpty()) {
+        return usage(QStringLiteral("--wav records the virtual board's outputs: give --sim"));
     }
     return -1;
 }

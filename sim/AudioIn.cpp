@@ -83,7 +83,11 @@ struct AudioIn::Impl {
     }
     static int64_t periodUs(const Dev& d)
     {
-        return std::max<int64_t>(1, int64_t(d.pub.attr.point_num_per_frame) * 1000000 / rateOf(d));
+        // A device never configured has no rate yet; a scenario may still
+        // speak of it.
+        const uint32_t rate = rateOf(d);
+        if (!rate) return 1;
+        return std::max<int64_t>(1, int64_t(d.pub.attr.point_num_per_frame) * 1000000 / rate);
     }
     static int chnLimit(const Dev& d)
     {

@@ -2,7 +2,9 @@
 // register-polled receiver, captured by video input device 0, channel 0 over
 // BT.1120, and a source that comes, changes and goes; a second input whose
 // signal the front-panel microcontroller reports, a key press on the panel,
-// a remote-control code and a bouncing button on GPIO2_1. The board also
+// a remote-control code and a bouncing button on GPIO2_1; a line input
+// behind the board's audio codec hearing 440 Hz left and 660 Hz right, which
+// falls silent for a second at 10 s. The board also
 // carries its no-signal picture and a test JPEG for still-picture sources.
 #include <QJsonDocument>
 
@@ -39,16 +41,21 @@ QVariantMap defaultScenario()
           "hdmi2": { "chip": "Vesk", "name": "hdmi2", "protocols": ["HDMI", "SDI"],
                      "did": 1, "cid": 4, "mode": "bt1120" }
         },
-        "interfaceA": { "hdmi1": { "chip": "7611" } }
+        "interfaceA": {
+          "hdmi1": { "chip": "7611" },
+          "line": { "chip": "tlv32", "did": 0, "cid": 0, "mode": "i2ss" }
+        }
       },
       "chips": [
         { "name": "hdmi1", "type": "7611", "bus": 1 },
+        { "name": "line", "type": "tlv32" },
         { "name": "mcu", "type": "Vesk", "version": "panel 2.1", "on_mode": "on", "cfgtype": "3",
           "inputs": { "hdmi2": { "lock": 0 } } }
       ],
       "timeline": [
         { "at": 0,  "chip": "hdmi1", "source": {} },
         { "at": 0,  "mem": "0x1102A008", "value": 602 },
+        { "at": 0,  "ai": 0, "tone": [440, 660] },
         { "at": 2,  "chip": "hdmi1", "source": { "width": 1920, "height": 1080, "framerate": 60 } },
         { "at": 3,  "chip": "mcu", "input": "hdmi2",
                     "source": { "lock": 2, "w": 1920, "h": 1080, "f": 50, "p": 1, "as": 48000 } },
@@ -59,6 +66,8 @@ QVariantMap defaultScenario()
                     { "ms": 9, "level": 0 }, { "ms": 180, "level": 1 } ] },
         { "at": 8,  "chip": "hdmi1", "source": { "width": 1280, "height": 720, "framerate": 50 } },
         { "at": 10, "chip": "mcu", "input": "hdmi2", "source": { "lock": 0 } },
+        { "at": 10, "ai": 0, "stop": true },
+        { "at": 11, "ai": 0, "stop": false },
         { "at": 12, "chip": "hdmi1", "source": {} }
       ]
     })";

@@ -2,6 +2,7 @@
 // virtual board, and its handling of broken board and graph files.
 #include <gtest/gtest.h>
 
+#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -43,6 +44,49 @@ TEST(SignalMonitor, DefaultScenarioShowsSourceComingChangingAndGoing)
         EXPECT_TRUE(i % 3 == 0 || info["framerate"].toInt() == steps[i][4]) << i;
         EXPECT_FALSE(info["interlace"].toBool());
     }
+}
+
+// The main job: the line input's tone goes through the board output into a
+// WAV file, continuous, and comes back after the input's silent second.
+TEST(Demo, LineInputIsPlayedOnTheBoardOutputWithoutAGap)
+{
+    QTemporaryDir dir;
+    const QString wav = dir.filePath("out.wav");
+    QString err;
+    QList<QJsonObject> lines;
+    ASSERT_EQ(veskhost({"run", VESK_SOURCE_DIR "/examples/graphs/capture.json", "--sim", "--json",
+                        "--seconds", "12.5", "--wav", "1=" + wav},
+                       &err, &lines),
+              0)
+        << err.toStdString();
+    QFile f(wav);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    const QByteArray bytes = f.readAll().mid(44);  // 16-bit stereo at 48 kHz
+    const auto* s = reinterpret_cast<const int16_t*>(bytes.constData());
+    const int frames = bytes.size() / 4, rate = 48000;
+    ASSERT_GT(frames, 12 * rate);
+    // Per second and side: the tone's frequency by zero crossings, and the
+    // longest run of zeros (a dropout in a tone is a run of them).
+    auto second = [&](int t, int side, int* longestZeros) {
+        int crossings = 0, run = 0;
+        *longestZeros = 0;
+        for (int i = t * rate + 1; i < (t + 1) * rate; ++i) {
+            const int16_t v = s[2 * i + side], prev = s[2 * (i - 1) + side];
+            crossings += (v < 0) != (prev < 0);
+            run = v == 0 ? run + 1 : 0;
+            *longestZeros = qMax(*longestZeros, run);
+        }
+        return crossings / 2;
+    };
+    for (int t : {1, 5, 8, 11}) {
+        int zerosL = 0, zerosR = 0;
+        EXPECT_NEAR(second(t, 0, &zerosL), 440, 2) << t;
+        EXPECT_NEAR(second(t, 1, &zerosR), 660, 2) << t;
+        EXPECT_LE(qMax(zerosL, zerosR), 2) << t;
+    }
+    int zeros = 0;
+    second(10, 0, &zeros);
+    EXPECT_GT(zeros, rate / 4) << "the input's silent second is filled with silence";
 }
 
 struct BadInput {
