@@ -134,11 +134,11 @@ bool parseOptions(const QStringList& args, Options* o, QString* why)
             o->debug = true;
         } else if (a == QLatin1String("--wav")) {
             // DEV=FILE, or FILE alone for output device 0.
-            const QString spec = hasNext ? args[++i] : QString();
-            const int eq = spec.indexOf(QLatin1Char('='));
+            const QString target = hasNext ? args[++i] : QString();
+            const int eq = target.indexOf(QLatin1Char('='));
             bool ok = eq < 0;
-            const int dev = eq < 0 ? 0 : spec.left(eq).toInt(&ok);
-            const QString file = spec.mid(eq + 1);
+            const int dev = eq < 0 ? 0 : target.left(eq).toInt(&ok);
+            const QString file = target.mid(eq + 1);
             if (!ok || dev < 0 || file.isEmpty()) {
                 *why = QStringLiteral("--wav needs FILE or DEVICE=FILE");
                 return false;
