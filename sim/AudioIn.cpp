@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <cstdlib>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -68,6 +69,7 @@ struct AudioIn::Impl {
         AudioIn::Dev pub;
         double level = 0.25;
         int64_t nextDue = 0;  // monotonic time the next frame is complete
+        int64_t toGraph = 0;  // monotonic to graph time, as last taken
         Chn chn[OT_AIO_MAX_CHN_NUM];
     };
 
@@ -160,11 +162,16 @@ struct AudioIn::Impl {
                     ch.pub.nextSeq += uint32_t(skip);
                 }
         }
+        // The two clocks are read one after the other, so their difference
+        // wobbles by however long this thread was held up in between; only
+        // a real move of the graph clock (its offset set) is taken over, so
+        // that frames keep the unit's own even spacing.
         const int64_t toGraph = graphUs() - monoUs();
+        if (std::llabs(toGraph - d.toGraph) > 1000) d.toGraph = toGraph;
         const int limit = chnLimit(d);
         while (d.nextDue <= now) {
             for (int c = 0; c < limit && c < OT_AIO_MAX_CHN_NUM; ++c)
-                if (d.chn[c].pub.enabled) makeFrame(d, c, d.nextDue - period, toGraph);
+                if (d.chn[c].pub.enabled) makeFrame(d, c, d.nextDue - period, d.toGraph);
             d.nextDue += period;
         }
     }
