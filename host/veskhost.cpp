@@ -296,15 +296,14 @@ int runGraph(const Options& o, QCoreApplication& app)
                               .arg(stamp(t), node, event, VeskHost::toJsonText(value)));
         });
     QStringList problems;
-    const QVariantMap description = VeskHost::fromJson(doc.object()).toMap();
-    graph.build(description, &problems);
+    graph.build(VeskHost::fromJson(doc.object()).toMap(), &problems);
     for (const QString& p : qAsConst(problems)) complain(p);
     graph.startAll();
     // As the appliance's application does: front-panel keys go to the device
     // node once the microcontroller line is up (a capture node on one of its
     // inputs brings it up when it starts).
-    for (const QVariant& n : description.value(QStringLiteral("nodes")).toList()) {
-        VeskObject* node = graph.node(n.toMap().value(QStringLiteral("name")).toString());
+    for (const QString& name : graph.nodeNames()) {
+        VeskObject* node = graph.node(name);
         if (!node || qstrcmp(node->metaObject()->className(), "VeskDevice") != 0) continue;
         if (DriverVesk::instance)
             DriverVesk::instance->registDev(node);
