@@ -17,6 +17,7 @@ public:
 
 class VeskTeeChn {
 public:
+    ~VeskTeeChn();
     ot_mpp_chn getChn();
     void resizeChn(int width, int height, bool keep);
     void setFlip(bool flip);
@@ -46,6 +47,7 @@ public:
 
     // Host bookkeeping.
     int id = 0;
+    int grp = -1;  // the processing group behind the tee
     ot_mpp_chn source{0, 0, 0};
     int maxWidth = 0, maxHeight = 0;
     int appliedContrast = 0;

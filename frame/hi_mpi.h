@@ -74,6 +74,35 @@ enum {
 #define OT_ERR_AO_BUF_FULL OT_DEFINE_ERR(OT_ID_AO, OT_ERR_BUF_FULL)
 #define OT_ERR_AO_BUSY OT_DEFINE_ERR(OT_ID_AO, OT_ERR_BUSY)
 
+#define OT_ERR_VPSS_INVALID_CHN_ID OT_DEFINE_ERR(OT_ID_VPSS, OT_ERR_INVALID_CHN_ID)
+#define OT_ERR_VPSS_EXIST OT_DEFINE_ERR(OT_ID_VPSS, OT_ERR_EXIST)
+#define OT_ERR_VPSS_UNEXIST OT_DEFINE_ERR(OT_ID_VPSS, OT_ERR_UNEXIST)
+#define OT_ERR_VPSS_NOT_PERM OT_DEFINE_ERR(OT_ID_VPSS, OT_ERR_NOT_PERM)
+
+#define OT_ERR_SYS_ILLEGAL_PARAM OT_DEFINE_ERR(OT_ID_SYS, OT_ERR_ILLEGAL_PARAM)
+#define OT_ERR_SYS_NULL_PTR OT_DEFINE_ERR(OT_ID_SYS, OT_ERR_NULL_PTR)
+#define OT_ERR_SYS_NOT_PERM OT_DEFINE_ERR(OT_ID_SYS, OT_ERR_NOT_PERM)
+#define OT_ERR_SYS_UNEXIST OT_DEFINE_ERR(OT_ID_SYS, OT_ERR_UNEXIST)
+
+#define OT_ERR_VO_INVALID_DEV_ID OT_DEFINE_ERR(OT_ID_VO, OT_ERR_INVALID_DEV_ID)
+#define OT_ERR_VO_INVALID_CHN_ID OT_DEFINE_ERR(OT_ID_VO, OT_ERR_INVALID_CHN_ID)
+#define OT_ERR_VO_ILLEGAL_PARAM OT_DEFINE_ERR(OT_ID_VO, OT_ERR_ILLEGAL_PARAM)
+#define OT_ERR_VO_NULL_PTR OT_DEFINE_ERR(OT_ID_VO, OT_ERR_NULL_PTR)
+#define OT_ERR_VO_NOT_CONFIG OT_DEFINE_ERR(OT_ID_VO, OT_ERR_NOT_CONFIG)
+#define OT_ERR_VO_NOT_SUPPORT OT_DEFINE_ERR(OT_ID_VO, OT_ERR_NOT_SUPPORT)
+#define OT_ERR_VO_NOT_PERM OT_DEFINE_ERR(OT_ID_VO, OT_ERR_NOT_PERM)
+#define OT_ERR_VO_NOT_READY OT_DEFINE_ERR(OT_ID_VO, OT_ERR_NOT_READY)
+#define OT_ERR_VO_BUSY OT_DEFINE_ERR(OT_ID_VO, OT_ERR_BUSY)
+// The invalid layer number has a code of its own.
+#define OT_ERR_VO_INVALID_LAYER_ID OT_DEFINE_ERR(OT_ID_VO, 0x42)
+
+// The HDMI transmitter reports its own plain codes.
+#define OT_ERR_HDMI_NOT_INIT ((td_s32)0xA0338001u)
+#define OT_ERR_HDMI_INVALID_PARA ((td_s32)0xA0338002u)
+#define OT_ERR_HDMI_NULL_PTR ((td_s32)0xA0338003u)
+#define OT_ERR_HDMI_DEV_NOT_OPEN ((td_s32)0xA0338004u)
+#define OT_ERR_HDMI_READ_EDID_FAILED ((td_s32)0xA0338009u)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -170,6 +199,72 @@ td_void* hi_mpi_sys_mmap(td_phys_addr_t phys_addr, td_u32 size);
 
 // ---- video processing -----------------------------------------------------------
 td_s32 hi_mpi_vpss_send_frame(ot_vpss_grp grp, const ot_video_frame_info* frame, td_s32 milli_sec);
+
+// Groups are created with their largest picture size and started; channels
+// (0 to OT_VPSS_MAX_CHN_NUM - 1) are set and enabled on a created group.
+td_s32 hi_mpi_vpss_create_grp(ot_vpss_grp grp, const ot_vpss_grp_attr* attr);
+td_s32 hi_mpi_vpss_destroy_grp(ot_vpss_grp grp);
+td_s32 hi_mpi_vpss_start_grp(ot_vpss_grp grp);
+td_s32 hi_mpi_vpss_stop_grp(ot_vpss_grp grp);
+td_s32 hi_mpi_vpss_get_grp_attr(ot_vpss_grp grp, ot_vpss_grp_attr* attr);
+td_s32 hi_mpi_vpss_set_grp_attr(ot_vpss_grp grp, const ot_vpss_grp_attr* attr);
+td_s32 hi_mpi_vpss_set_chn_attr(ot_vpss_grp grp, ot_vpss_chn chn, const ot_vpss_chn_attr* attr);
+td_s32 hi_mpi_vpss_get_chn_attr(ot_vpss_grp grp, ot_vpss_chn chn, ot_vpss_chn_attr* attr);
+td_s32 hi_mpi_vpss_enable_chn(ot_vpss_grp grp, ot_vpss_chn chn);
+td_s32 hi_mpi_vpss_disable_chn(ot_vpss_grp grp, ot_vpss_chn chn);
+
+// ---- binding ------------------------------------------------------------------------
+// Ties a source (a video input channel, a processing group's channel, a
+// display device's write-back) to a sink (a processing group, a display
+// layer's channel). A sink takes one source; binding it again to the same
+// source is harmless, to another one is refused until it is unbound.
+td_s32 hi_mpi_sys_bind(const ot_mpp_chn* src, const ot_mpp_chn* dst);
+td_s32 hi_mpi_sys_unbind(const ot_mpp_chn* src, const ot_mpp_chn* dst);
+td_s32 hi_mpi_sys_get_bind_by_dst(const ot_mpp_chn* dst, ot_mpp_chn* src);
+
+// ---- video output ----------------------------------------------------------------------
+td_s32 hi_mpi_vo_set_pub_attr(ot_vo_dev dev, const ot_vo_pub_attr* attr);
+td_s32 hi_mpi_vo_get_pub_attr(ot_vo_dev dev, ot_vo_pub_attr* attr);
+td_s32 hi_mpi_vo_set_user_sync_info(ot_vo_dev dev, const ot_vo_user_sync_info* info);
+td_s32 hi_mpi_vo_get_user_sync_info(ot_vo_dev dev, ot_vo_user_sync_info* info);
+td_s32 hi_mpi_vo_enable(ot_vo_dev dev);
+td_s32 hi_mpi_vo_disable(ot_vo_dev dev);
+td_s32 hi_mpi_vo_set_video_layer_attr(ot_vo_layer layer, const ot_vo_video_layer_attr* attr);
+td_s32 hi_mpi_vo_get_video_layer_attr(ot_vo_layer layer, ot_vo_video_layer_attr* attr);
+td_s32 hi_mpi_vo_enable_video_layer(ot_vo_layer layer);
+td_s32 hi_mpi_vo_disable_video_layer(ot_vo_layer layer);
+td_s32 hi_mpi_vo_set_layer_csc(ot_vo_layer layer, const ot_vo_csc* csc);
+td_s32 hi_mpi_vo_get_layer_csc(ot_vo_layer layer, ot_vo_csc* csc);
+td_s32 hi_mpi_vo_set_chn_attr(ot_vo_layer layer, ot_vo_chn chn, const ot_vo_chn_attr* attr);
+td_s32 hi_mpi_vo_get_chn_attr(ot_vo_layer layer, ot_vo_chn chn, ot_vo_chn_attr* attr);
+td_s32 hi_mpi_vo_set_chn_rotation(ot_vo_layer layer, ot_vo_chn chn, ot_rotation rotation);
+td_s32 hi_mpi_vo_enable_chn(ot_vo_layer layer, ot_vo_chn chn);
+td_s32 hi_mpi_vo_disable_chn(ot_vo_layer layer, ot_vo_chn chn);
+td_s32 hi_mpi_vo_show_chn(ot_vo_layer layer, ot_vo_chn chn);
+td_s32 hi_mpi_vo_hide_chn(ot_vo_layer layer, ot_vo_chn chn);
+td_s32 hi_mpi_vo_set_hdmi_param(ot_vo_dev dev, const ot_vo_hdmi_param* param);
+td_s32 hi_mpi_vo_get_hdmi_param(ot_vo_dev dev, ot_vo_hdmi_param* param);
+td_s32 hi_mpi_vo_set_bt_param(ot_vo_dev dev, const ot_vo_bt_param* param);
+td_s32 hi_mpi_vo_get_bt_param(ot_vo_dev dev, ot_vo_bt_param* param);
+// Write-back unit 0: configured while disabled.
+td_s32 hi_mpi_vo_set_wbc_src(td_s32 wbc, const ot_vo_wbc_src* src);
+td_s32 hi_mpi_vo_set_wbc_attr(td_s32 wbc, const ot_vo_wbc_attr* attr);
+td_s32 hi_mpi_vo_enable_wbc(td_s32 wbc);
+td_s32 hi_mpi_vo_disable_wbc(td_s32 wbc);
+
+// ---- HDMI transmitter ----------------------------------------------------------------------
+// init before open, open before attributes, attributes before start.
+td_s32 hi_mpi_hdmi_init(void);
+td_s32 hi_mpi_hdmi_deinit(void);
+td_s32 hi_mpi_hdmi_open(ot_hdmi_id id);
+td_s32 hi_mpi_hdmi_close(ot_hdmi_id id);
+td_s32 hi_mpi_hdmi_set_attr(ot_hdmi_id id, const ot_hdmi_attr* attr);
+td_s32 hi_mpi_hdmi_get_attr(ot_hdmi_id id, ot_hdmi_attr* attr);
+td_s32 hi_mpi_hdmi_start(ot_hdmi_id id);
+td_s32 hi_mpi_hdmi_stop(ot_hdmi_id id);
+// Reads the sink's EDID now, whatever the transmitter keeps; fails with no
+// sink on the connector.
+td_s32 hi_mpi_hdmi_force_get_edid(ot_hdmi_id id, ot_hdmi_edid* edid);
 
 #ifdef __cplusplus
 }

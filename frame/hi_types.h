@@ -289,6 +289,182 @@ typedef struct {
     int32_t compress_mode;
 } ot_vo_video_layer_attr;
 
+// A group takes pictures from the unit bound to it (or from
+// hi_mpi_vpss_send_frame) and hands each enabled channel its own copy,
+// scaled to the channel's size, flipped and mirrored as the channel says.
+enum {
+    OT_VPSS_MAX_CHN_NUM = 4,
+    OT_VPSS_MAX_WIDTH = 8192,
+    OT_VPSS_MAX_HEIGHT = 8192,
+};
+
+typedef int32_t ot_vpss_chn;
+
+typedef struct {
+    uint32_t max_width;
+    uint32_t max_height;
+    int32_t pixel_format;
+    ot_frame_rate_ctrl frame_rate;
+} ot_vpss_grp_attr;
+
+// A size of 0 by 0 hands the picture on at the group's size.
+typedef struct {
+    uint32_t width;
+    uint32_t height;
+    int32_t pixel_format;
+    uint32_t mirror;
+    uint32_t flip;
+    uint32_t depth;
+    ot_frame_rate_ctrl frame_rate;
+} ot_vpss_chn_attr;
+
+// ---- video output unit -------------------------------------------------------
+// Devices (0 and 1 high definition, 2 the standard definition one) each have
+// a video layer (layer 2 is a second layer on device 0, layer 3 the one of
+// device 2) with one channel, 0. A device is configured while disabled and
+// enabled before its layers; a layer before its channel.
+
+typedef int32_t ot_vo_dev;
+typedef int32_t ot_vo_layer;
+typedef int32_t ot_vo_chn;
+
+enum {
+    OT_VO_MAX_DEV_NUM = 3,
+    OT_VO_MAX_LAYER_NUM = 4,
+    OT_VO_MAX_WIDTH = 8192,
+    OT_VO_MAX_HEIGHT = 8192,
+};
+
+// ot_vo_pub_attr.intf_type: one bit per physical interface.
+enum {
+    OT_VO_INTF_CVBS = 0x01,
+    OT_VO_INTF_VGA = 0x02,
+    OT_VO_INTF_BT656 = 0x04,
+    OT_VO_INTF_BT1120 = 0x08,
+    OT_VO_INTF_HDMI = 0x10,
+    OT_VO_INTF_MIPI = 0x400,
+};
+
+// ot_vo_pub_attr.intf_sync: the timing codes of the table in the output
+// node, and the user-defined one whose sync record comes with the call.
+enum {
+    OT_VO_OUT_PAL = 0,
+    OT_VO_OUT_NTSC = 1,
+    OT_VO_OUT_1080P60 = 23,
+    OT_VO_OUT_USER = 48,
+    OT_VO_OUT_BUTT = 49,
+};
+
+typedef struct {
+    uint32_t syncm;  // bool
+    uint32_t iop;    // bool: progressive
+    uint8_t intfb;
+    uint8_t pad0;
+    uint16_t vact;
+    uint16_t vbb;
+    uint16_t vfb;
+    uint16_t hact;
+    uint16_t hbb;
+    uint16_t hfb;
+    uint16_t hmid;
+    uint16_t bvact;
+    uint16_t bvbb;
+    uint16_t bvfb;
+    uint16_t hpw;
+    uint16_t vpw;
+    uint16_t pad1;
+    uint32_t idv;  // bool
+    uint32_t ihs;  // bool
+    uint32_t ivs;  // bool
+} ot_vo_sync_info;
+
+typedef struct {
+    uint32_t bg_color;  // 0xRRGGBB
+    uint32_t intf_type;
+    int32_t intf_sync;
+    ot_vo_sync_info sync_info;  // with OT_VO_OUT_USER
+} ot_vo_pub_attr;
+
+// The pixel clock of a user-defined timing: the reference (27 MHz on
+// clock source 0) divided by ref_div, times fb_div + frac / 2^24, divided by
+// post_div1 * post_div2 * dev_div * pre_div.
+typedef struct {
+    int32_t clk_source;
+    uint32_t fb_div;
+    uint32_t frac;
+    uint32_t ref_div;
+    uint32_t post_div1;
+    uint32_t post_div2;
+    uint32_t dev_div;
+    uint32_t pre_div;
+    uint32_t clk_reverse_en;
+} ot_vo_user_sync_info;
+
+typedef struct {
+    uint32_t priority;
+    ot_rect rect;
+    uint32_t deflicker_en;
+} ot_vo_chn_attr;
+
+// Colour adjustment of a layer (ot_vo_csc) and of the HDMI path
+// (ot_vo_hdmi_param). Levels run from 0 to 100, 50 being neutral.
+typedef struct {
+    int32_t csc_matrix;
+    uint32_t luma;
+    uint32_t contrast;
+    uint32_t hue;
+    uint32_t saturation;
+    uint32_t ex_csc_en;
+} ot_vo_csc;
+
+typedef struct {
+    ot_vo_csc csc;
+} ot_vo_hdmi_param;
+
+// Write-back: the picture a device (type 0) or a layer (type 1) shows,
+// taken back into memory at the given size and rate.
+typedef struct {
+    int32_t src_type;
+    int32_t src_id;
+} ot_vo_wbc_src;
+
+typedef struct {
+    ot_size target_size;
+    int32_t pixel_format;
+    uint32_t frame_rate;
+    int32_t dynamic_range;
+    int32_t compress_mode;
+} ot_vo_wbc_attr;
+
+// Order and width of a BT output bus: luma and chroma swapped, and a double
+// width bus for pixel rates one lane cannot carry.
+typedef struct {
+    uint32_t yc_swap;
+    uint32_t double_width;
+} ot_vo_bt_param;
+
+// ---- HDMI transmitter ------------------------------------------------------------
+
+typedef int32_t ot_hdmi_id;
+
+typedef struct {
+    uint32_t hdmi_en;        // word 0: HDMI (true) or DVI signalling
+    int32_t video_format;    // word 1: the timing, or 41 for user-defined
+    int32_t deep_color;      // word 2
+    uint32_t audio_en;       // word 3
+    int32_t sample_rate;     // word 4: audio rate code
+    int32_t bit_depth;       // word 5: audio sample width code
+    uint32_t infoframe_en;   // word 6: AVI and audio info frames sent
+    uint32_t hdcp_en;        // word 7
+    uint32_t pix_clk;        // word 8: kHz, for the user-defined format
+} ot_hdmi_attr;
+
+typedef struct {
+    uint32_t edid_valid;
+    uint32_t edid_len;
+    uint8_t edid[512];
+} ot_hdmi_edid;
+
 // ---- audio input and output units ------------------------------------------
 
 typedef int32_t ot_audio_dev;
@@ -406,3 +582,8 @@ static_assert(offsetof(ot_vi_user_pic_attr, frame_info) == 8, "ot_vi_user_pic_at
 static_assert(offsetof(ot_vdec_chn_attr, frame_buf_cnt) == 6 * 4, "ot_vdec_chn_attr layout");
 static_assert(sizeof(ot_aio_attr) == 10 * 4, "ot_aio_attr size");
 static_assert(offsetof(ot_audio_frame, time_stamp) == 40, "ot_audio_frame layout");
+static_assert(sizeof(ot_vo_sync_info) == 48, "ot_vo_sync_info size");
+static_assert(offsetof(ot_vo_pub_attr, sync_info) == 12, "ot_vo_pub_attr layout");
+static_assert(sizeof(ot_vo_user_sync_info) == 9 * 4, "ot_vo_user_sync_info size");
+static_assert(offsetof(ot_hdmi_attr, pix_clk) == 8 * 4, "ot_hdmi_attr layout");
+static_assert(sizeof(ot_hdmi_edid) == 520, "ot_hdmi_edid size");

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <vector>
 
+#include "frame/hi_mpi.h"
 #include "host/VeskHost.h"
 
 namespace {
@@ -21,7 +22,6 @@ std::atomic<long long> ptsOffset{0};
 QMutex teeMutex;
 QMap<int, VeskTee*>& tees = *new QMap<int, VeskTee*>;
 std::atomic<int> nextTeeId{1};
-std::atomic<int> nextVpssId{0};
 
 QMutex bindMutex;
 QList<VeskHost::Binding> bindList;
@@ -34,8 +34,6 @@ uint64_t nextFakePhys = 0x40000000;
 
 std::atomic<int> nextIveHandle{1};
 
-// Module number of the scaling unit behind a tee channel.
-constexpr int kScalerModule = 32;
 
 }  // namespace
 
@@ -61,6 +59,52 @@ void VeskHi::setPTSOffset(long long offset)
 }
 
 // ---- tees --------------------------------------------------------------------
+// A tee is a processing group of the platform: its source is bound to the
+// group's input (or, for a source fed by a node, frames are sent to it), and
+// each of its channels is one of the group's channels, with its own size,
+// flip and mirror.
+
+namespace {
+
+// Groups in use, so that a tee made after others were deleted reuses a
+// number instead of running off the end of the platform's range.
+QList<int>& usedGroups = *new QList<int>;
+
+int takeGroup()
+{
+    for (int g = 0; g < OT_VPSS_MAX_GRP_NUM; ++g) {
+        if (usedGroups.contains(g)) continue;
+        usedGroups.append(g);
+        return g;
+    }
+    return -1;
+}
+
+void warnFailed(const char* what, int code, int grp)
+{
+    qWarning().noquote() << QStringLiteral("tee: %1 failed with %2 (group %3)")
+                                .arg(QLatin1String(what))
+                                .arg(uint32_t(code), 0, 16)
+                                .arg(grp);
+}
+
+// Applies the channel's bookkeeping to its group channel.
+void applyChn(VeskTeeChn* chn)
+{
+    if (!chn->vpss || chn->vpss->id < 0) return;
+    ot_vpss_chn_attr a;
+    std::memset(&a, 0, sizeof a);
+    a.width = uint32_t(qMax(chn->width, 0));
+    a.height = uint32_t(qMax(chn->height, 0));
+    a.pixel_format = OT_PIXEL_FORMAT_YVU_SEMIPLANAR_420;
+    a.mirror = chn->mirror;
+    a.flip = chn->flip;
+    a.frame_rate = ot_frame_rate_ctrl{-1, -1};
+    const int r = hi_mpi_vpss_set_chn_attr(chn->vpss->id, chn->index, &a);
+    if (r != 0) warnFailed("hi_mpi_vpss_set_chn_attr", r, chn->vpss->id);
+}
+
+}  // namespace
 
 VeskTee* VeskHi::newTee(int module, int device, int channel)
 {
@@ -68,7 +112,28 @@ VeskTee* VeskHi::newTee(int module, int device, int channel)
     tee->id = nextTeeId.fetch_add(1);
     tee->source = ot_mpp_chn{module, device, channel};
     QMutexLocker lock(&teeMutex);
+    tee->grp = takeGroup();
     tees.insert(tee->id, tee);
+    if (tee->grp < 0) {
+        qWarning().noquote() << "tee: no processing group left for tee" << tee->id;
+        return tee;
+    }
+    ot_vpss_grp_attr attr;
+    std::memset(&attr, 0, sizeof attr);
+    attr.max_width = 3840;
+    attr.max_height = 2160;
+    attr.pixel_format = OT_PIXEL_FORMAT_YVU_SEMIPLANAR_420;
+    attr.frame_rate = ot_frame_rate_ctrl{-1, -1};
+    int r = hi_mpi_vpss_create_grp(tee->grp, &attr);
+    if (r == 0) r = hi_mpi_vpss_start_grp(tee->grp);
+    if (r != 0) warnFailed("creating the group", r, tee->grp);
+    // Hardware sources feed the group by themselves; a node-fed source sends
+    // its frames to it.
+    if (module == OT_ID_VI || module == OT_ID_VO) {
+        const ot_mpp_chn dst{OT_ID_VPSS, tee->grp, 0};
+        r = hi_mpi_sys_bind(&tee->source, &dst);
+        if (r != 0) warnFailed("hi_mpi_sys_bind", r, tee->grp);
+    }
     return tee;
 }
 
@@ -79,9 +144,12 @@ void VeskHi::delTee(VeskTee* tee)
         QMutexLocker lock(&teeMutex);
         tees.remove(tee->id);
     }
-    for (VeskTeeChn* chn : qAsConst(tee->chns)) {
-        delete chn->vpss;
-        delete chn;
+    for (VeskTeeChn* chn : qAsConst(tee->chns)) delete chn;
+    if (tee->grp >= 0) {
+        hi_mpi_vpss_stop_grp(tee->grp);
+        hi_mpi_vpss_destroy_grp(tee->grp);
+        QMutexLocker lock(&teeMutex);
+        usedGroups.removeAll(tee->grp);
     }
     delete tee;
 }
@@ -112,8 +180,12 @@ VeskTeeChn* VeskTee::newChn(bool a, bool b)
     chn->width = maxWidth;
     chn->height = maxHeight;
     chn->vpss = new HiVpss;
-    chn->vpss->id = nextVpssId.fetch_add(1);
+    chn->vpss->id = grp;
     chns.append(chn);
+    if (grp < 0) return chn;
+    applyChn(chn);
+    const int r = hi_mpi_vpss_enable_chn(grp, chn->index);
+    if (r != 0) warnFailed("hi_mpi_vpss_enable_chn", r, grp);
     return chn;
 }
 
@@ -135,25 +207,45 @@ void VeskTee::updateParam()
     appliedContrast = contrast;
 }
 
+VeskTeeChn::~VeskTeeChn()
+{
+    // What the channel fed stops being fed.
+    QList<VeskHost::Binding> mine;
+    {
+        QMutexLocker lock(&bindMutex);
+        for (int i = bindList.size() - 1; i >= 0; --i) {
+            if (bindList[i].teeId != teeId || bindList[i].chnIndex != index) continue;
+            mine.append(bindList[i]);
+            bindList.removeAt(i);
+        }
+    }
+    for (const VeskHost::Binding& b : qAsConst(mine)) hi_mpi_sys_unbind(&b.src, &b.dst);
+    if (vpss && vpss->id >= 0) hi_mpi_vpss_disable_chn(vpss->id, index);
+    delete vpss;
+}
+
 ot_mpp_chn VeskTeeChn::getChn()
 {
-    return ot_mpp_chn{kScalerModule, vpss ? vpss->id : 0, index};
+    return ot_mpp_chn{OT_ID_VPSS, vpss ? vpss->id : -1, index};
 }
 
 void VeskTeeChn::resizeChn(int w, int h, bool)
 {
     width = w;
     height = h;
+    applyChn(this);
 }
 
 void VeskTeeChn::setFlip(bool on)
 {
     flip = on;
+    applyChn(this);
 }
 
 void VeskTeeChn::setMirror(bool on)
 {
     mirror = on;
+    applyChn(this);
 }
 
 int HiVpss::getId()
@@ -167,6 +259,8 @@ int VeskHi::bind(int srcModule, int srcDevice, int srcChannel, int dstModule, in
     VeskHost::Binding b;
     b.src = ot_mpp_chn{srcModule, srcDevice, srcChannel};
     b.dst = ot_mpp_chn{dstModule, dstDevice, dstChannel};
+    const int r = hi_mpi_sys_bind(&b.src, &b.dst);
+    if (r != 0) return 0;
     QMutexLocker lock(&bindMutex);
     bindList.append(b);
     return 1;
@@ -180,6 +274,8 @@ int VeskHi::bindFromTee(VeskTeeChn* chn, int dstModule, int dstDevice, int dstCh
     b.dst = ot_mpp_chn{dstModule, dstDevice, dstChannel};
     b.teeId = chn->teeId;
     b.chnIndex = chn->index;
+    const int r = hi_mpi_sys_bind(&b.src, &b.dst);
+    if (r != 0) return 0;
     QMutexLocker lock(&bindMutex);
     bindList.append(b);
     return 1;
@@ -301,18 +397,29 @@ int IVE::copyUV(int* handle, MemInfo* src, MemInfo* dst, td_bool)
 
 // ---- display and decoder wrappers ----------------------------------------------
 
-int zr_mpi_vo_bt_set_param(int, bool, bool)
+int zr_mpi_vo_bt_set_param(int device, bool swap, bool wide)
 {
+    ot_vo_bt_param p;
+    std::memset(&p, 0, sizeof p);
+    p.yc_swap = swap;
+    p.double_width = wide;
+    return hi_mpi_vo_set_bt_param(device, &p);
+}
+
+// Low latency shows each frame as soon as it is written, from the fewest
+// buffers the unit runs with; normal latency leaves the depth to the unit.
+int zr_mpi_vo_set_low_Latency(ot_vo_video_layer_attr& attr, int)
+{
+    attr.display_buf_len = 3;
+    attr.double_frame_en = 0;
+    attr.partition_mode = 1;
     return 0;
 }
 
-int zr_mpi_vo_set_low_Latency(ot_vo_video_layer_attr&, int)
+int zr_mpi_vo_set_normal_Latency(ot_vo_video_layer_attr& attr, int)
 {
-    return 0;
-}
-
-int zr_mpi_vo_set_normal_Latency(ot_vo_video_layer_attr&, int)
-{
+    attr.display_buf_len = 0;
+    attr.partition_mode = 0;
     return 0;
 }
 

@@ -1,4 +1,5 @@
 #include "sim/MediaPlatform.h"
+#include "sim/VideoOut.h"
 
 #include <QMap>
 #include <cerrno>
@@ -115,6 +116,7 @@ struct MediaPlatform::Impl {
     bool userPicSet = false;
     ot_vi_user_pic_attr userPic{};
     uint64_t userPicLumaSum = 0;
+    std::shared_ptr<const Nv21Picture> userPicture;
 
     MediaPlatform::MipiDev mipi[OT_MIPI_MAX_DEV_NUM];
     int hsMode = -1;
@@ -185,6 +187,7 @@ struct MediaPlatform::Impl {
         userPicSet = false;
         userPic = ot_vi_user_pic_attr{};
         userPicLumaSum = 0;
+        userPicture.reset();
         for (auto& m : mipi) m = MediaPlatform::MipiDev();
         hsMode = -1;
         for (auto& v : vdec) clearVdec(v);
@@ -524,6 +527,12 @@ uint64_t MediaPlatform::userPicLumaSum() const
     return d->userPicLumaSum;
 }
 
+std::shared_ptr<const Nv21Picture> MediaPlatform::userPicture() const
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    return d->userPicture;
+}
+
 QString MediaPlatform::viOutput(int chn) const
 {
     std::lock_guard<std::mutex> g(d->lock);
@@ -770,6 +779,9 @@ td_s32 hi_mpi_vi_set_user_pic(ot_vi_chn chn, const ot_vi_user_pic_attr* pic)
         P().userPic = *pic;
         P().userPicSet = true;
         P().userPicLumaSum = luma;
+        P().userPicture = pic->pic_mode == OT_VI_USER_PIC_MODE_PIC
+                              ? vsim::copyPicture(pic->frame_info.video_frame)
+                              : nullptr;
         return TD_SUCCESS;
     });
 }
@@ -986,6 +998,7 @@ td_s32 hi_mpi_vpss_send_frame(ot_vpss_grp grp, const ot_video_frame_info* frame,
     return P().run("hi_mpi_vpss_send_frame", {grp}, [&](Lock&) {
         if (!vsim::inRange(grp, 0, OT_VPSS_MAX_GRP_NUM - 1)) return OT_ERR_VPSS_INVALID_GRP_ID;
         if (!frame) return OT_ERR_VPSS_NULL_PTR;
+        if (!vsim::VideoOut::instance().vpssGrp(grp).started) return OT_ERR_VPSS_UNEXIST;
         vsim::MediaPlatform::VpssFrame rec;
         const ot_video_frame& f = frame->video_frame;
         if (!vsim::fetchFrame(f, &rec.lumaSum, &rec.chromaSum)) return OT_ERR_VPSS_ILLEGAL_PARAM;
@@ -1000,6 +1013,7 @@ td_s32 hi_mpi_vpss_send_frame(ot_vpss_grp grp, const ot_video_frame_info* frame,
         q.push_back(rec);
         while (q.size() > size_t(vsim::kVpssKept)) q.pop_front();
         ++P().vpssCount;
+        vsim::VideoOut::instance().keepPicture(grp, vsim::copyPicture(f));
         return TD_SUCCESS;
     });
 }

@@ -24,6 +24,7 @@
 namespace vsim {
 
 class Device;
+struct Nv21Picture;
 
 class MediaPlatform {
 public:
@@ -81,6 +82,9 @@ public:
     // Sum of the luma bytes of the user picture as the unit read them when it
     // was set.
     uint64_t userPicLumaSum() const;
+    // The user picture as the unit copied it in; null in colour mode or
+    // before it is set.
+    std::shared_ptr<const Nv21Picture> userPicture() const;
     // What the channel delivers now: "off" (channel disabled), "capture" or
     // "picture".
     QString viOutput(int chn) const;

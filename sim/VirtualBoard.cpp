@@ -17,6 +17,7 @@
 #include "sim/AudioIn.h"
 #include "sim/I2cBus.h"
 #include "sim/MediaPlatform.h"
+#include "sim/VideoOut.h"
 #include "sim/Peripherals.h"
 
 namespace vsim {
@@ -262,6 +263,8 @@ void Board::clearLocked()
     // (Lock order is always board, then platform.)
     MediaPlatform::instance().reset();
     devices[OT_MIPI_DEV_NAME] = MediaPlatform::instance().mipiDevice();
+    for (int i = 0; i < 2; ++i)
+        devices[QString("/dev/fb%1").arg(i)] = VideoOut::instance().fbDevice(i);
     installPeripherals(devices, rootDir);
 }
 
@@ -514,6 +517,7 @@ bool Board::applyStep(const QVariantMap& step, QString* error)
         return e.isEmpty();
     }
     if (step.contains("ai")) return AudioIn::instance().applyStep(step, error);
+    if (step.contains("hdmi") || step.contains("vi")) return VideoOut::instance().applyStep(step, error);
     bool handled = false;
     bool done = applyPeripheralStep(step, error, &handled);
     if (handled) return done;

@@ -11,6 +11,8 @@
 #include "frame/Vesk.h"
 #include "frame/VeskHi.h"
 #include "host/VeskHost.h"
+#include "sim/VideoOut.h"
+#include "sim/VirtualBoard.h"
 
 namespace {
 
@@ -62,31 +64,53 @@ TEST(Clock, IsMonotonicInMicrosecondsAndMovesWithTheOffset)
     EXPECT_TRUE(back >= 0 && back < 1000000) << back;
 }
 
-TEST(Tees, HaveUniqueIdsAndAreFoundById)
+// A tee is a processing group: a capture source is bound to its input, its
+// channels carry their own size and flip, and a channel that goes away takes
+// its binding to the display with it.
+TEST(Tees, AreProcessingGroupsBoundToTheirSourceAndSinks)
 {
+    vsim::Board::instance().activate();
+    vsim::VideoOut& vo = vsim::VideoOut::instance();
     VeskTee* a = VeskHi::newTee(OT_ID_VI, 0, 2);
     VeskTee* b = VeskHi::newTee(OT_ID_USER, 0, 0);
     EXPECT_NE(a->getId(), b->getId());
     EXPECT_EQ(VeskHi::getTee(a->getId()), a);
-    EXPECT_EQ(a->getSource().mod_id, OT_ID_VI);
     EXPECT_EQ(a->getSource().chn_id, 2);
 
+    a->setMax(1920, 1080);
     VeskTeeChn* c1 = a->newChn(false, true);
     VeskTeeChn* c2 = a->newChnIPC();
-    ASSERT_TRUE(c1->vpss && c2->vpss);
-    EXPECT_NE(c1->vpss->getId(), c2->vpss->getId());
+    const int grp = c1->getChn().dev_id;
+    EXPECT_EQ(c2->vpss->getId(), grp);
+    EXPECT_EQ(vo.boundTo({OT_ID_VPSS, grp, 0}).chn_id, 2);
+    EXPECT_EQ(vo.boundTo({OT_ID_VPSS, b->newChn(false, true)->getChn().dev_id, 0}).mod_id, -1);
+    c2->resizeChn(960, 540, false);
+    c2->setMirror(true);
+    const auto g = vo.vpssGrp(grp);
+    EXPECT_TRUE(g.started && g.chn[0].enabled && g.chn[1].enabled);
+    EXPECT_EQ(g.chn[0].attr.width, 1920u);
+    EXPECT_EQ(g.chn[1].attr.width, 960u);
+    EXPECT_EQ(g.chn[1].attr.mirror, 1u);
 
-    VeskHost::clearBindings();
-    EXPECT_EQ(VeskHi::bindFromTee(c1, OT_ID_VO, 0, 1), 1);
-    ASSERT_EQ(VeskHost::bindings().size(), 1);
-    EXPECT_EQ(VeskHost::bindings()[0].teeId, a->getId());
-    EXPECT_EQ(VeskHost::bindings()[0].dst.chn_id, 1);
+    EXPECT_EQ(VeskHi::bindFromTee(c2, OT_ID_VO, 0, 0), 1);
+    EXPECT_EQ(VeskHi::bindFromTee(c2, OT_ID_VO, 0, 0), 1);  // again: harmless
+    EXPECT_EQ(VeskHi::bindFromTee(c1, OT_ID_VO, 0, 0), 0);  // the layer is taken
+    EXPECT_EQ(VeskHi::bindFromTee(c1, OT_ID_VO, 9, 0), 0);  // no such layer
+    EXPECT_EQ(vo.boundTo({OT_ID_VO, 0, 0}).chn_id, 1);
+    delete c2;
+    a->chns.removeOne(c2);
+    EXPECT_EQ(vo.boundTo({OT_ID_VO, 0, 0}).mod_id, -1);
 
     const int id = a->getId();
     VeskHi::delTee(a);
     EXPECT_EQ(VeskHi::getTee(id), nullptr);
-    EXPECT_EQ(VeskHi::getTee(b->getId()), b);
+    EXPECT_FALSE(vo.vpssGrp(grp).created);
+    // The group is free for the next tee.
+    VeskTee* c = VeskHi::newTee(OT_ID_VI, 0, 0);
+    EXPECT_EQ(c->grp, grp);
+    VeskHi::delTee(c);
     VeskHi::delTee(b);
+    vsim::Board::instance().deactivate();
 }
 
 TEST(CopyEngine, FramesHaveAlignedWritablePlanesAndCopiesStayInsideBoth)
