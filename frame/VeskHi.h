@@ -15,6 +15,8 @@ public:
     int id = 0;
 };
 
+class VeskTee;
+
 class VeskTeeChn {
 public:
     ~VeskTeeChn();
@@ -26,6 +28,7 @@ public:
     HiVpss* vpss = nullptr;
 
     // Host bookkeeping.
+    VeskTee* owner = nullptr;  // a channel deleted leaves its tee
     int teeId = 0;
     int index = 0;
     int width = 0, height = 0;

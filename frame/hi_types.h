@@ -448,15 +448,15 @@ typedef struct {
 typedef int32_t ot_hdmi_id;
 
 typedef struct {
-    uint32_t hdmi_en;        // word 0: HDMI (true) or DVI signalling
-    int32_t video_format;    // word 1: the timing, or 41 for user-defined
-    int32_t deep_color;      // word 2
-    uint32_t audio_en;       // word 3
-    int32_t sample_rate;     // word 4: audio rate code
-    int32_t bit_depth;       // word 5: audio sample width code
-    uint32_t infoframe_en;   // word 6: AVI and audio info frames sent
-    uint32_t hdcp_en;        // word 7
-    uint32_t pix_clk;        // word 8: kHz, for the user-defined format
+    uint32_t hdmi_en;       // word 0: HDMI (true) or DVI signalling
+    int32_t video_format;   // word 1: the timing, or 41 for user-defined
+    int32_t deep_color;     // word 2
+    uint32_t audio_en;      // word 3
+    int32_t sample_rate;    // word 4: audio rate code
+    int32_t bit_depth;      // word 5: audio sample width code
+    uint32_t infoframe_en;  // word 6: AVI and audio info frames sent
+    uint32_t hdcp_en;       // word 7
+    uint32_t pix_clk;       // word 8: kHz, for the user-defined format
 } ot_hdmi_attr;
 
 typedef struct {

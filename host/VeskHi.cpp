@@ -34,7 +34,6 @@ uint64_t nextFakePhys = 0x40000000;
 
 std::atomic<int> nextIveHandle{1};
 
-
 }  // namespace
 
 // ---- clock -------------------------------------------------------------------
@@ -144,7 +143,11 @@ void VeskHi::delTee(VeskTee* tee)
         QMutexLocker lock(&teeMutex);
         tees.remove(tee->id);
     }
-    for (VeskTeeChn* chn : qAsConst(tee->chns)) delete chn;
+    const QList<VeskTeeChn*> chns = tee->chns;
+    for (VeskTeeChn* chn : chns) {
+        chn->owner = nullptr;
+        delete chn;
+    }
     if (tee->grp >= 0) {
         hi_mpi_vpss_stop_grp(tee->grp);
         hi_mpi_vpss_destroy_grp(tee->grp);
@@ -174,7 +177,15 @@ VeskTeeChn* VeskTee::newChn(bool a, bool b)
 {
     auto* chn = new VeskTeeChn;
     chn->teeId = id;
-    chn->index = chns.size();
+    chn->owner = this;
+    // The lowest channel number no living channel has.
+    chn->index = 0;
+    for (bool taken = true; taken;) {
+        taken = false;
+        for (const VeskTeeChn* c : qAsConst(chns))
+            if (c->index == chn->index) taken = true;
+        if (taken) ++chn->index;
+    }
     chn->flagA = a;
     chn->flagB = b;
     chn->width = maxWidth;
@@ -209,6 +220,7 @@ void VeskTee::updateParam()
 
 VeskTeeChn::~VeskTeeChn()
 {
+    if (owner) owner->chns.removeAll(this);
     // What the channel fed stops being fed.
     QList<VeskHost::Binding> mine;
     {

@@ -27,6 +27,7 @@
 #include "host/VeskGraph.h"
 #include "host/probe.h"
 #include "sim/AudioOut.h"
+#include "sim/VideoOut.h"
 #include "sim/VirtualBoard.h"
 
 namespace {
@@ -39,13 +40,15 @@ const char kUsage[] =
     "  veskhost classes\n"
     "  veskhost run GRAPH.json [--board BOARD.json] [--sim [SCENARIO.json]] [--seconds N]\n"
     "                          [--json] [--debug] [--wav [DEV=]FILE ...]\n"
+    "                          [--snapshot DEV:FILE.png[@SECONDS] ...]\n"
     "  veskhost signals --board BOARD.json [--sim [SCENARIO.json]] [--seconds N] [--json]\n"
     "                   [--debug] [--wav [DEV=]FILE ...]\n"
     "  veskhost probe URL [--seconds N] [--json] [--set KEY=VALUE ...]\n"
     "  veskhost mcu [--port PATH | --sim [SCENARIO.json]] [--send JSON ...] [--seconds N]\n"
     "               [--json]\n"
     "With --sim and no --board, the scenario's \"board\" is the board; --wav records\n"
-    "what its audio output DEV (default 0) plays.\n";
+    "what its audio output DEV (default 0) plays; --snapshot writes what its display\n"
+    "device DEV shows, SECONDS after the start (default: at the end).\n";
 
 void printLine(const QString& line)
 {
@@ -105,6 +108,12 @@ struct Options {
     double seconds = -1;
     // Board audio output device -> WAV file of what it plays.
     QMap<int, QString> wavs;
+    struct Snapshot {
+        int device = 0;
+        QString file;
+        double at = -1;  // seconds from the start; -1: at the end
+    };
+    QList<Snapshot> snapshots;
 };
 
 bool parseOptions(const QStringList& args, Options* o, QString* why)
@@ -144,6 +153,28 @@ bool parseOptions(const QStringList& args, Options* o, QString* why)
                 return false;
             }
             o->wavs[dev] = QFileInfo(file).absoluteFilePath();
+        } else if (a == QLatin1String("--snapshot")) {
+            // DEV:FILE.png or DEV:FILE.png@SECONDS
+            QString target = hasNext ? args[++i] : QString();
+            Options::Snapshot shot;
+            bool ok = true;
+            const int at = target.lastIndexOf(QLatin1Char('@'));
+            if (at >= 0) {
+                shot.at = target.mid(at + 1).toDouble(&ok);
+                ok = ok && shot.at >= 0;
+                target.truncate(at);
+            }
+            const int colon = target.indexOf(QLatin1Char(':'));
+            bool devOk = false;
+            shot.device = colon > 0 ? target.left(colon).toInt(&devOk) : -1;
+            shot.file = target.mid(colon + 1);
+            if (!ok || !devOk || shot.device < 0 || colon < 0 || shot.file.isEmpty()) {
+                *why =
+                    QStringLiteral("--snapshot needs DEVICE:FILE.png or DEVICE:FILE.png@SECONDS");
+                return false;
+            }
+            shot.file = QFileInfo(shot.file).absoluteFilePath();
+            o->snapshots << shot;
         } else {
             *why = QStringLiteral("unexpected argument \"%1\"").arg(a);
             return false;
@@ -243,8 +274,9 @@ int prepareBoard(const Options& o, bool boardRequired)
         for (auto it = o.wavs.begin(); it != o.wavs.end(); ++it)
             vsim::AudioOut::instance().setWavPath(it.key(), it.value());
         b.startScenario();
-    } else if (!o.wavs.isEmpty()) {
-        return usage(QStringLiteral("--wav records the virtual board's outputs: give --sim"));
+    } else if (!o.wavs.isEmpty() || !o.snapshots.isEmpty()) {
+        return usage(
+            QStringLiteral("--wav and --snapshot record the virtual board's outputs: give --sim"));
     }
     return -1;
 }
@@ -312,11 +344,34 @@ int runGraph(const Options& o, QCoreApplication& app)
                 QStringLiteral("%1: no microcontroller on this board, no keys").arg(node->name()));
     }
 
+    auto takeSnapshot = [&o](const Options::Snapshot& shot) {
+        QString error;
+        const double t = seconds();
+        if (!vsim::VideoOut::instance().snapshot(shot.device, shot.file, &error)) {
+            complain(QStringLiteral("snapshot of display %1: %2").arg(shot.device).arg(error));
+            return;
+        }
+        if (o.json)
+            printLine(
+                jsonLine({{"t", rounded(t)}, {"snapshot", shot.file}, {"display", shot.device}}));
+        else
+            printLine(QStringLiteral("%1 display %2  snapshot  %3")
+                          .arg(stamp(t))
+                          .arg(shot.device)
+                          .arg(shot.file));
+    };
+    for (const Options::Snapshot& shot : o.snapshots)
+        if (shot.at >= 0)
+            QTimer::singleShot(qMax<qint64>(0, qRound64((shot.at - seconds()) * 1000)), &app,
+                               [=] { takeSnapshot(shot); });
+
     if (o.seconds > 0)
         QTimer::singleShot(qRound64(o.seconds * 1000), &app, &QCoreApplication::quit);
     quitOnSignals(&app);
     app.exec();
 
+    for (const Options::Snapshot& shot : o.snapshots)
+        if (shot.at < 0 || shot.at > seconds()) takeSnapshot(shot);
     graph.shutdown();
     if (o.sim) vsim::Board::instance().stop();
     return 0;

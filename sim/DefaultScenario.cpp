@@ -4,7 +4,7 @@
 // signal the front-panel microcontroller reports, a key press on the panel,
 // a remote-control code and a bouncing button on GPIO2_1; a line input
 // behind the board's audio codec hearing 440 Hz left and 660 Hz right, which
-// falls silent for a second at 10 s. The board also
+// falls silent for a second at 10 s; a monitor on the HDMI output. The board also
 // carries its no-signal picture and a test JPEG for still-picture sources.
 #include <QJsonDocument>
 
@@ -36,6 +36,7 @@ QVariantMap defaultScenario()
         { "at": 0,  "chip": "hdmi1", "source": {} },
         { "at": 0,  "mem": "0x1102A008", "value": 602 },
         { "at": 0,  "ai": 0, "tone": [440, 660] },
+        { "at": 0,  "hdmi": "plug" },
         { "at": 2,  "chip": "hdmi1", "source": { "width": 1920, "height": 1080, "framerate": 60 } },
         { "at": 3,  "chip": "mcu", "input": "hdmi2",
                     "source": { "lock": 2, "w": 1920, "h": 1080, "f": 50, "p": 1, "as": 48000 } },

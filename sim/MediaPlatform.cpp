@@ -1,5 +1,4 @@
 #include "sim/MediaPlatform.h"
-#include "sim/VideoOut.h"
 
 #include <QMap>
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include <mutex>
 #include <vector>
 
+#include "sim/VideoOut.h"
 #include "sim/VirtualBoard.h"
 
 extern "C" {

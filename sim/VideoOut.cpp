@@ -44,15 +44,15 @@ struct Timing {
     int code, width, height, rate;
 };
 const Timing kTimings[] = {
-    {0, 720, 576, 25},     {1, 720, 480, 30},     {2, 960, 576, 25},     {3, 960, 480, 30},
-    {4, 640, 480, 60},     {5, 720, 480, 60},     {6, 720, 576, 50},     {7, 800, 600, 60},
-    {8, 1024, 768, 60},    {9, 1280, 720, 50},    {10, 1280, 720, 60},   {11, 1280, 800, 60},
-    {12, 1280, 1024, 60},  {13, 1366, 768, 60},   {14, 1280, 768, 60},   {15, 1440, 900, 60},
-    {16, 1680, 1050, 60},  {17, 1920, 1080, 24},  {18, 1920, 1080, 25},  {19, 1920, 1080, 30},
-    {20, 1920, 1080, 50},  {21, 1920, 1080, 60},  {22, 1920, 1080, 50},  {23, 1920, 1080, 60},
-    {24, 1600, 1200, 60},  {25, 1920, 1200, 60},  {26, 1920, 2160, 30},  {27, 2560, 1440, 30},
-    {28, 2560, 1440, 60},  {29, 2560, 1600, 60},  {30, 3840, 2160, 24},  {31, 3840, 2160, 25},
-    {32, 3840, 2160, 30},  {33, 3840, 2160, 50},  {34, 3840, 2160, 60},
+    {0, 720, 576, 25},    {1, 720, 486, 30},    {2, 960, 576, 25},    {3, 960, 480, 30},
+    {4, 640, 480, 60},    {5, 720, 480, 60},    {6, 720, 576, 50},    {7, 800, 600, 60},
+    {8, 1024, 768, 60},   {9, 1280, 720, 50},   {10, 1280, 720, 60},  {11, 1280, 800, 60},
+    {12, 1280, 1024, 60}, {13, 1366, 768, 60},  {14, 1280, 768, 60},  {15, 1440, 900, 60},
+    {16, 1680, 1050, 60}, {17, 1920, 1080, 24}, {18, 1920, 1080, 25}, {19, 1920, 1080, 30},
+    {20, 1920, 1080, 50}, {21, 1920, 1080, 60}, {22, 1920, 1080, 50}, {23, 1920, 1080, 60},
+    {24, 1600, 1200, 60}, {25, 1920, 1200, 60}, {26, 1920, 2160, 30}, {27, 2560, 1440, 30},
+    {28, 2560, 1440, 60}, {29, 2560, 1600, 60}, {30, 3840, 2160, 24}, {31, 3840, 2160, 25},
+    {32, 3840, 2160, 30}, {33, 3840, 2160, 50}, {34, 3840, 2160, 60},
 };
 
 // Interfaces each device can drive: the standard definition device only the
@@ -120,9 +120,9 @@ QImage Nv21Picture::toImage() const
         for (int x = 0; x < width; ++x) {
             const int c = 298 * (y[size_t(r) * width + x] - 16);
             const int v = cl[x & ~1] - 128, u = cl[(x & ~1) + 1] - 128;
-            line[x] = qRgb(clamp8((c + 409 * v + 128) >> 8),
-                           clamp8((c - 100 * u - 208 * v + 128) >> 8),
-                           clamp8((c + 516 * u + 128) >> 8));
+            line[x] =
+                qRgb(clamp8((c + 409 * v + 128) >> 8), clamp8((c - 100 * u - 208 * v + 128) >> 8),
+                     clamp8((c + 516 * u + 128) >> 8));
         }
     }
     return out;
@@ -197,7 +197,7 @@ struct VideoOut::Impl {
 
     std::shared_ptr<FbDevice> fbs[kFbCount];
     QMap<int, QString> capturePicture;  // by input device
-    QMap<QString, QImage> files;         // image files already read
+    QMap<QString, QImage> files;        // image files already read
 
     void resetAll();
 };
@@ -240,52 +240,52 @@ public:
         state.requests.append(request);
         if (!arg) return -EFAULT;
         switch (request) {
-        case FBIOPUT_SHOW_LAYER:
-            state.shown = *static_cast<const uint32_t*>(arg) != 0;
-            return 0;
-        case FBIOGET_SHOW_LAYER:
-            *static_cast<uint32_t*>(arg) = state.shown;
-            return 0;
-        case FBIOPUT_ALPHA_LAYER:
-            state.alpha = *static_cast<const ot_fb_alpha*>(arg);
-            return 0;
-        case FBIOGET_ALPHA_LAYER:
-            *static_cast<ot_fb_alpha*>(arg) = state.alpha;
-            return 0;
-        case FBIOGET_VSCREENINFO:
-            *static_cast<fb_var_screeninfo*>(arg) = state.var;
-            return 0;
-        case FBIOPUT_VSCREENINFO: {
-            const auto& v = *static_cast<const fb_var_screeninfo*>(arg);
-            if (v.bits_per_pixel != 32 && v.bits_per_pixel != 16) return -EINVAL;
-            if (v.xres == 0 || v.yres == 0 || v.xres_virtual < v.xres ||
-                v.yres_virtual < v.yres ||
-                size_t(v.xres_virtual) * v.yres_virtual * (v.bits_per_pixel / 8) > kFbBytes)
-                return -EINVAL;
-            state.var = v;
-            return 0;
-        }
-        case FBIOGET_FSCREENINFO: {
-            auto& f = *static_cast<fb_fix_screeninfo*>(arg);
-            std::memset(&f, 0, sizeof f);
-            std::snprintf(f.id, sizeof f.id, "vesk_fb%d", index);
-            f.smem_len = uint32_t(kFbBytes);
-            f.line_length = state.var.xres_virtual * (state.var.bits_per_pixel / 8);
-            f.visual = FB_VISUAL_TRUECOLOR;
-            return 0;
-        }
-        case FBIOGET_LAYER_INFO:
-            *static_cast<ot_fb_layer_info*>(arg) = state.layer;
-            return 0;
-        case FBIOPUT_LAYER_INFO: {
-            const auto& in = *static_cast<const ot_fb_layer_info*>(arg);
-            if ((in.mask & 1) && in.buf_mode > OT_FB_LAYER_BUF_DOUBLE_IMMEDIATE) return -EINVAL;
-            if (in.mask & 1) state.layer.buf_mode = in.buf_mode;
-            state.layer.mask = in.mask;
-            return 0;
-        }
-        default:
-            return -ENOTTY;
+            case FBIOPUT_SHOW_LAYER:
+                state.shown = *static_cast<const uint32_t*>(arg) != 0;
+                return 0;
+            case FBIOGET_SHOW_LAYER:
+                *static_cast<uint32_t*>(arg) = state.shown;
+                return 0;
+            case FBIOPUT_ALPHA_LAYER:
+                state.alpha = *static_cast<const ot_fb_alpha*>(arg);
+                return 0;
+            case FBIOGET_ALPHA_LAYER:
+                *static_cast<ot_fb_alpha*>(arg) = state.alpha;
+                return 0;
+            case FBIOGET_VSCREENINFO:
+                *static_cast<fb_var_screeninfo*>(arg) = state.var;
+                return 0;
+            case FBIOPUT_VSCREENINFO: {
+                const auto& v = *static_cast<const fb_var_screeninfo*>(arg);
+                if (v.bits_per_pixel != 32 && v.bits_per_pixel != 16) return -EINVAL;
+                if (v.xres == 0 || v.yres == 0 || v.xres_virtual < v.xres ||
+                    v.yres_virtual < v.yres ||
+                    size_t(v.xres_virtual) * v.yres_virtual * (v.bits_per_pixel / 8) > kFbBytes)
+                    return -EINVAL;
+                state.var = v;
+                return 0;
+            }
+            case FBIOGET_FSCREENINFO: {
+                auto& f = *static_cast<fb_fix_screeninfo*>(arg);
+                std::memset(&f, 0, sizeof f);
+                std::snprintf(f.id, sizeof f.id, "vesk_fb%d", index);
+                f.smem_len = uint32_t(kFbBytes);
+                f.line_length = state.var.xres_virtual * (state.var.bits_per_pixel / 8);
+                f.visual = FB_VISUAL_TRUECOLOR;
+                return 0;
+            }
+            case FBIOGET_LAYER_INFO:
+                *static_cast<ot_fb_layer_info*>(arg) = state.layer;
+                return 0;
+            case FBIOPUT_LAYER_INFO: {
+                const auto& in = *static_cast<const ot_fb_layer_info*>(arg);
+                if ((in.mask & 1) && in.buf_mode > OT_FB_LAYER_BUF_DOUBLE_IMMEDIATE) return -EINVAL;
+                if (in.mask & 1) state.layer.buf_mode = in.buf_mode;
+                state.layer.mask = in.mask;
+                return 0;
+            }
+            default:
+                return -ENOTTY;
         }
     }
 
@@ -555,16 +555,19 @@ struct Composer {
         QImage img;
         if (out == QLatin1String("picture")) {
             auto pic = mp.userPicture();
-            if (pic) img = pic->toImage();
-            else img = QImage(int(c.attr.size.width), int(c.attr.size.height),
-                              QImage::Format_RGB32);
+            if (pic)
+                img = pic->toImage();
+            else
+                img = QImage(int(c.attr.size.width), int(c.attr.size.height), QImage::Format_RGB32);
             if (!pic) img.fill(QColor(mp.userPic().bg_color | 0xFF000000u));
         } else {
             int w = int(c.attr.size.width), h = int(c.attr.size.height);
             if (w <= 0 || h <= 0 || w > 8192 || h > 8192) return QImage();
             const QString what = capturePicture.value(chn / OT_VI_CHN_PER_DEV, "bars");
-            if (what == QLatin1String("bars")) img = barsPicture(w, h);
-            else if (what == QLatin1String("ramp")) img = rampPicture(w, h);
+            if (what == QLatin1String("bars"))
+                img = barsPicture(w, h);
+            else if (what == QLatin1String("ramp"))
+                img = rampPicture(w, h);
             else if (what.startsWith('#')) {
                 img = QImage(w, h, QImage::Format_RGB32);
                 img.fill(QColor(what));
@@ -600,8 +603,10 @@ struct Composer {
         if (!g.started || !c.enabled) return QImage();
         QImage img;
         auto in = binds.find({OT_ID_VPSS, src.dev_id, 0});
-        if (in != binds.end()) img = source(*in, depth + 1);
-        else if (grpPicture[src.dev_id]) img = grpPicture[src.dev_id]->toImage();
+        if (in != binds.end())
+            img = source(*in, depth + 1);
+        else if (grpPicture[src.dev_id])
+            img = grpPicture[src.dev_id]->toImage();
         if (img.isNull()) return img;
         if (c.attr.width > 0 && c.attr.height > 0)
             img = img.scaled(int(c.attr.width), int(c.attr.height));
@@ -611,7 +616,8 @@ struct Composer {
     QImage compose(int devId, int depth)
     {
         if (!inRange(devId, 0, OT_VO_MAX_DEV_NUM - 1) || !dev[devId].enabled) return QImage();
-        const QSize size = VideoOut::timingSize(dev[devId].attr.intf_sync, dev[devId].attr.sync_info);
+        const QSize size =
+            VideoOut::timingSize(dev[devId].attr.intf_sync, dev[devId].attr.sync_info);
         if (size.isEmpty()) return QImage();
         QImage out(size, QImage::Format_RGB32);
         out.fill(QColor(dev[devId].attr.bg_color | 0xFF000000u));
@@ -775,21 +781,22 @@ std::tuple<int, int, int> key(const ot_mpp_chn& c)
 bool validSource(const Impl& v, const ot_mpp_chn& s)
 {
     switch (s.mod_id) {
-    case OT_ID_VI:
-        return inRange(s.chn_id, 0, OT_VI_MAX_CHN_NUM - 1);
-    case OT_ID_VPSS:
-        return validGrp(s.dev_id) && v.grp[s.dev_id].created &&
-               inRange(s.chn_id, 0, OT_VPSS_MAX_CHN_NUM - 1);
-    case OT_ID_VO:
-        return validDev(s.dev_id) && s.chn_id == 0;
-    default:
-        return false;
+        case OT_ID_VI:
+            return inRange(s.chn_id, 0, OT_VI_MAX_CHN_NUM - 1);
+        case OT_ID_VPSS:
+            return validGrp(s.dev_id) && v.grp[s.dev_id].created &&
+                   inRange(s.chn_id, 0, OT_VPSS_MAX_CHN_NUM - 1);
+        case OT_ID_VO:
+            return validDev(s.dev_id) && s.chn_id == 0;
+        default:
+            return false;
     }
 }
 
 bool validSink(const Impl& v, const ot_mpp_chn& s)
 {
-    if (s.mod_id == OT_ID_VPSS) return validGrp(s.dev_id) && v.grp[s.dev_id].created && s.chn_id == 0;
+    if (s.mod_id == OT_ID_VPSS)
+        return validGrp(s.dev_id) && v.grp[s.dev_id].created && s.chn_id == 0;
     if (s.mod_id == OT_ID_VO) return validLayer(s.dev_id) && s.chn_id == 0;
     return false;
 }
@@ -829,8 +836,9 @@ td_s32 hi_mpi_vpss_destroy_grp(ot_vpss_grp grp)
         if (!v.grp[grp].created) return OT_ERR_VPSS_UNEXIST;
         // Bindings to and from the group go with it.
         for (auto it = v.binds.begin(); it != v.binds.end();) {
-            const bool mine = (std::get<0>(it.key()) == OT_ID_VPSS && std::get<1>(it.key()) == grp) ||
-                              (it->mod_id == OT_ID_VPSS && it->dev_id == grp);
+            const bool mine =
+                (std::get<0>(it.key()) == OT_ID_VPSS && std::get<1>(it.key()) == grp) ||
+                (it->mod_id == OT_ID_VPSS && it->dev_id == grp);
             it = mine ? v.binds.erase(it) : std::next(it);
         }
         v.grp[grp] = vsim::VideoOut::VpssGrp();
@@ -943,7 +951,8 @@ td_s32 hi_mpi_vpss_disable_chn(ot_vpss_grp grp, ot_vpss_chn chn)
 td_s32 hi_mpi_sys_bind(const ot_mpp_chn* src, const ot_mpp_chn* dst)
 {
     QVariantList args;
-    if (src && dst) args = {src->mod_id, src->dev_id, src->chn_id, dst->mod_id, dst->dev_id, dst->chn_id};
+    if (src && dst)
+        args = {src->mod_id, src->dev_id, src->chn_id, dst->mod_id, dst->dev_id, dst->chn_id};
     return run("hi_mpi_sys_bind", args, [&](Impl& v) {
         if (!src || !dst) return OT_ERR_SYS_NULL_PTR;
         if (!validSource(v, *src) || !validSink(v, *dst)) return OT_ERR_SYS_ILLEGAL_PARAM;
@@ -957,7 +966,8 @@ td_s32 hi_mpi_sys_bind(const ot_mpp_chn* src, const ot_mpp_chn* dst)
 td_s32 hi_mpi_sys_unbind(const ot_mpp_chn* src, const ot_mpp_chn* dst)
 {
     QVariantList args;
-    if (src && dst) args = {src->mod_id, src->dev_id, src->chn_id, dst->mod_id, dst->dev_id, dst->chn_id};
+    if (src && dst)
+        args = {src->mod_id, src->dev_id, src->chn_id, dst->mod_id, dst->dev_id, dst->chn_id};
     return run("hi_mpi_sys_unbind", args, [&](Impl& v) {
         if (!src || !dst) return OT_ERR_SYS_NULL_PTR;
         auto it = v.binds.find(key(*dst));
@@ -990,7 +1000,8 @@ td_s32 hi_mpi_vo_set_pub_attr(ot_vo_dev dev, const ot_vo_pub_attr* attr)
                                OT_VO_INTF_BT1120 | OT_VO_INTF_HDMI | OT_VO_INTF_MIPI;
         if (attr->intf_type == 0 || (attr->intf_type & ~known)) return OT_ERR_VO_ILLEGAL_PARAM;
         if (attr->intf_type & ~vsim::interfacesOf(dev)) return OT_ERR_VO_NOT_SUPPORT;
-        if (attr->intf_sync < 0 || attr->intf_sync >= OT_VO_OUT_BUTT) return OT_ERR_VO_ILLEGAL_PARAM;
+        if (attr->intf_sync < 0 || attr->intf_sync >= OT_VO_OUT_BUTT)
+            return OT_ERR_VO_ILLEGAL_PARAM;
         const QSize size = vsim::VideoOut::timingSize(attr->intf_sync, attr->sync_info);
         if (size.isEmpty() || size.width() > OT_VO_MAX_WIDTH || size.height() > OT_VO_MAX_HEIGHT)
             return OT_ERR_VO_ILLEGAL_PARAM;
@@ -1172,7 +1183,8 @@ td_s32 hi_mpi_vo_set_chn_rotation(ot_vo_layer layer, ot_vo_chn chn, ot_rotation 
     return run("hi_mpi_vo_set_chn_rotation", {layer, chn, rotation}, [&](Impl& v) {
         if (!validLayer(layer)) return OT_ERR_VO_INVALID_LAYER_ID;
         if (chn != 0) return OT_ERR_VO_INVALID_CHN_ID;
-        if (rotation < OT_ROTATION_0 || rotation >= OT_ROTATION_BUTT) return OT_ERR_VO_ILLEGAL_PARAM;
+        if (rotation < OT_ROTATION_0 || rotation >= OT_ROTATION_BUTT)
+            return OT_ERR_VO_ILLEGAL_PARAM;
         v.layer[layer].rotation = rotation;
         return TD_SUCCESS;
     });

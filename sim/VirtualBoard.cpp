@@ -17,8 +17,8 @@
 #include "sim/AudioIn.h"
 #include "sim/I2cBus.h"
 #include "sim/MediaPlatform.h"
-#include "sim/VideoOut.h"
 #include "sim/Peripherals.h"
+#include "sim/VideoOut.h"
 
 namespace vsim {
 
@@ -517,7 +517,8 @@ bool Board::applyStep(const QVariantMap& step, QString* error)
         return e.isEmpty();
     }
     if (step.contains("ai")) return AudioIn::instance().applyStep(step, error);
-    if (step.contains("hdmi") || step.contains("vi")) return VideoOut::instance().applyStep(step, error);
+    if (step.contains("hdmi") || step.contains("vi"))
+        return VideoOut::instance().applyStep(step, error);
     bool handled = false;
     bool done = applyPeripheralStep(step, error, &handled);
     if (handled) return done;

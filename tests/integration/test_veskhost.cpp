@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QFile>
+#include <QImage>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -48,17 +49,21 @@ TEST(SignalMonitor, DefaultScenarioShowsSourceComingChangingAndGoing)
 
 // The main job: the line input's tone goes through the board output into a
 // WAV file, continuous, and comes back after the input's silent second.
-TEST(Demo, LineInputIsPlayedOnTheBoardOutputWithoutAGap)
+TEST(Demo, DisplayGraphRunsAndItsLineInputIsPlayedWithoutAGap)
 {
     QTemporaryDir dir;
     const QString wav = dir.filePath("out.wav");
     QString err;
     QList<QJsonObject> lines;
-    ASSERT_EQ(veskhost({"run", VESK_SOURCE_DIR "/examples/graphs/capture.json", "--sim", "--json",
-                        "--seconds", "13.5", "--wav", "1=" + wav},
+    const QString shot = dir.filePath("tv.png");
+    ASSERT_EQ(veskhost({"run", VESK_SOURCE_DIR "/examples/graphs/display.json", "--sim", "--json",
+                        "--seconds", "13.5", "--wav", "1=" + wav, "--snapshot", "2:" + shot},
                        &err, &lines),
               0)
         << err.toStdString();
+    // What the screens show is judged in the display tests; here the picture
+    // of the television is taken at the end of the run, at its size.
+    EXPECT_EQ(QImage(shot).size(), QSize(720, 576));
     QFile f(wav);
     ASSERT_TRUE(f.open(QIODevice::ReadOnly));
     const QByteArray bytes = f.readAll().mid(44);  // 16-bit stereo at 48 kHz
