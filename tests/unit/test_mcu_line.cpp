@@ -14,6 +14,7 @@
 #include "device/VeskDevice.h"
 #include "driver/mcu/DriverVesk.h"
 #include "frame/VeskSys.h"
+#include "output/VeskOutputVo.h"
 #include "sim/EmuMcu.h"
 #include "tests/host/HostTestUtil.h"
 
@@ -281,6 +282,35 @@ TEST_F(McuLine, DeviceNodeTakesThePanelKeysAndSendsPowerOffAndTheBootMode)
     EXPECT_EQ(dev.setBootMode("standby"), QVariant(true));
     EXPECT_EQ(DriverVesk::instance->bootMode, "standby");
     DriverVesk::instance->bootMode.clear();
+}
+
+// With the panel on the line, the display's serialiser learns its rate from
+// it; "user" and narrow timings are only known on this road.
+TEST_F(McuLine, DisplaySerialiserRateGoesThroughThePanel)
+{
+    VeskOutputVo vo;
+    const struct {
+        const char* output;
+        int width, sel0, sel1;
+    } cases[] = {{"user", 960, 0, 1},
+                 {"1080P50", 1920, 0, 1},
+                 {"PAL", 720, 1, 0},
+                 {"576p50", 720, 1, 0},
+                 {"720p60", 1280, 0, 0}};
+    for (const auto& c : cases) {
+        vo.data["output"] = c.output;
+        vo.width = c.width;
+        vo.onTimer();
+        barrier();
+        const auto got = emu->received();
+        ASSERT_GE(got.size(), 2);
+        EXPECT_EQ(
+            got[got.size() - 2],
+            QVariantMap(
+                {{"Cmd", "2972Cfg"}, {"SeqNum", 100}, {"RateSel0", c.sel0}, {"RateSel1", c.sel1}}))
+            << c.output;
+    }
+    EXPECT_TRUE(Board::instance().commands().filter("gpio124").isEmpty());
 }
 
 }  // namespace
