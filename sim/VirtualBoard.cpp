@@ -201,6 +201,22 @@ QStringList chipTypes()
     return chipFactories().keys();
 }
 
+// ---------------------------------------------------------------- parts
+
+namespace {
+QMap<QString, BoardPart>& boardParts()
+{
+    static QMap<QString, BoardPart> parts;
+    return parts;
+}
+}  // namespace
+
+bool registerBoardPart(const QString& name, BoardPart part)
+{
+    boardParts().insert(name, std::move(part));
+    return true;
+}
+
 // ---------------------------------------------------------------- Board
 Board& Board::instance()
 {
@@ -266,6 +282,8 @@ void Board::clearLocked()
     for (int i = 0; i < 2; ++i)
         devices[QString("/dev/fb%1").arg(i)] = VideoOut::instance().fbDevice(i);
     installPeripherals(devices, rootDir);
+    for (const BoardPart& part : boardParts())
+        if (part.install) part.install(devices, rootDir);
 }
 
 QString Board::root() const
@@ -522,6 +540,11 @@ bool Board::applyStep(const QVariantMap& step, QString* error)
     bool handled = false;
     bool done = applyPeripheralStep(step, error, &handled);
     if (handled) return done;
+    for (const BoardPart& part : boardParts()) {
+        if (!part.step) continue;
+        done = part.step(step, error, &handled);
+        if (handled) return done;
+    }
     if (error) *error = "scenario: a step needs \"chip\", \"device\", \"i2c\" or \"file\"";
     return false;
 }

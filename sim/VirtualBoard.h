@@ -112,6 +112,20 @@ using ChipFactory = std::function<std::shared_ptr<ChipEmulator>()>;
 bool registerChipType(const QString& type, ChipFactory factory);
 QStringList chipTypes();
 
+// A piece of the board kept in files of its own (the USB devices, ...).
+// `install` runs whenever the board is built afresh (activate, reset), with
+// the device table and the root of the board's files, under the board's
+// lock: it may fill the table but must not call back into Board. `step`
+// is offered every timeline step no other part took; it sets *handled when
+// the step is its own. Either may be empty.
+struct BoardPart {
+    std::function<void(QMap<QString, std::shared_ptr<Device>>& devices, const QString& root)>
+        install;
+    std::function<bool(const QVariantMap& step, QString* error, bool* handled)> step;
+};
+// Parts register themselves from a static initialiser of their file.
+bool registerBoardPart(const QString& name, BoardPart part);
+
 // The built-in board and scenario that `--sim` without a file uses.
 QVariantMap defaultScenario();
 
