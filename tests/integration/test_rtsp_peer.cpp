@@ -133,7 +133,9 @@ TEST_P(RtspTransport, H264AndAacDecodeOnTheHostClockAndWhatEndsASessionIsRetried
         // of the alive timer although media flowed, the next 3 s later.
         ASSERT_TRUE(r.waitEvent("timeout", 2, 12000));
         const QList<rtsp::Event> ends = r.events("timeout"), readies = r.events("ready");
-        EXPECT_NEAR(double(ends[1].at - ends[0].at) / 1e6, 5.75, 1.25);
+        // 3 s of retry and one or two periods of 2 s; the events are stamped
+        // where the test sees them, which a loaded machine delays unevenly.
+        EXPECT_NEAR(double(ends[1].at - ends[0].at) / 1e6, 5.75, 1.75);
         ASSERT_TRUE(readies.size() > 1 && readies[1].at > ends[0].at);
         int played = 0;
         for (const Unit& u : r.sink.units(true)) played += u.arrival > readies[1].at;
