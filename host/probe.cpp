@@ -1,8 +1,12 @@
 #include "host/probe.h"
 
+#include <fcntl.h>
+#include <linux/videodev2.h>
+
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -11,20 +15,26 @@
 #include <QUrl>
 #include <QVector>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "frame/VeskHi.h"
 #include "frame/VeskObject.h"
+#include "frame/VeskSys.h"
 #include "host/VeskGraph.h"
 #include "host/VeskHost.h"
+#include "sim/VirtualBoard.h"
 
 namespace {
 
 const char kProbeUsage[] =
-    "usage: veskhost probe URL [--seconds N] [--json] [--set KEY=VALUE ...]\n"
-    "  Opens URL with the node for its scheme, counts its packets for N seconds\n"
-    "  (default 10) and prints the \"ready\" map and per-stream figures. --set puts\n"
-    "  a key into the node's data (the value is read as JSON when it parses).\n";
+    "usage: veskhost probe URL|/dev/videoN [--seconds N] [--json] [--set KEY=VALUE ...]\n"
+    "                      [--sim [SCENARIO.json]]\n"
+    "  Opens URL with the node for its scheme (a camera with the camera node),\n"
+    "  counts its packets for N seconds (default 10) and prints the \"ready\" map\n"
+    "  (a camera: its formats and controls) and per-stream figures. --set puts a\n"
+    "  key into the node's data (the value is read as JSON when it parses). --sim\n"
+    "  runs it on the virtual board.\n";
 
 void out(const QString& line)
 {
@@ -147,10 +157,31 @@ QVariant parseValue(const QString& text)
     return text;
 }
 
+// What a camera offers, asked the way the camera node asks it.
+QVariantList cameraFormats(const QString& path)
+{
+    QVariantList formats;
+    const int fd = vsys::open(path.toLocal8Bit().constData(), O_RDWR | O_NONBLOCK);
+    if (fd < 0) return formats;
+    for (uint32_t i = 0; i < 64; ++i) {
+        v4l2_fmtdesc desc;
+        std::memset(&desc, 0, sizeof desc);
+        desc.index = i;
+        desc.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        if (vsys::ioctl(fd, VIDIOC_ENUM_FMT, &desc) != 0) break;
+        formats << QString::fromLatin1(reinterpret_cast<const char*>(desc.description),
+                                       int(qstrnlen(reinterpret_cast<const char*>(desc.description),
+                                                    sizeof desc.description)));
+    }
+    vsys::close(fd);
+    return formats;
+}
+
 }  // namespace
 
 QString veskProbeClassFor(const QString& url)
 {
+    if (url.startsWith(QLatin1String("/dev/video"))) return QStringLiteral("VeskInputV4l2");
     const QString scheme = QUrl(url).scheme().toLower();
     // RTSP has a node of its own; until it is in the library, FFmpeg's
     // client serves it like any other URL.
@@ -166,6 +197,8 @@ int veskProbe(const QStringList& args)
     double seconds = 10;
     bool json = false;
     QVariantMap settings;
+    bool sim = false;
+    QString scenarioFile;
     for (int i = 0; i < args.size(); ++i) {
         const QString& a = args[i];
         const bool hasNext = i + 1 < args.size();
@@ -181,6 +214,9 @@ int veskProbe(const QStringList& args)
             const int eq = kv.indexOf(QLatin1Char('='));
             if (eq <= 0) return fail(QStringLiteral("--set needs KEY=VALUE"));
             settings.insert(kv.left(eq), parseValue(kv.mid(eq + 1)));
+        } else if (a == QLatin1String("--sim")) {
+            sim = true;
+            if (hasNext && args[i + 1].endsWith(QLatin1String(".json"))) scenarioFile = args[++i];
         } else if (a.startsWith(QLatin1String("--"))) {
             return fail(QStringLiteral("unexpected argument \"%1\"").arg(a));
         } else if (url.isEmpty()) {
@@ -196,6 +232,19 @@ int veskProbe(const QStringList& args)
     static char name[] = "veskhost";
     static char* argv[] = {name, nullptr};
     if (!QCoreApplication::instance()) ownApp.reset(new QCoreApplication(argc, argv));
+
+    if (sim) {
+        QVariantMap scenario = vsim::defaultScenario();
+        if (!scenarioFile.isEmpty()) {
+            QFile f(scenarioFile);
+            if (!f.open(QIODevice::ReadOnly)) return fail(scenarioFile + ": " + f.errorString());
+            scenario = QJsonDocument::fromJson(f.readAll()).toVariant().toMap();
+        }
+        QString why;
+        vsim::Board::instance().activate();
+        if (!vsim::Board::instance().loadScenario(scenario, &why)) return fail(why);
+        vsim::Board::instance().startScenario();
+    }
 
     QElapsedTimer clock;
     clock.start();
@@ -245,6 +294,15 @@ int veskProbe(const QStringList& args)
     QObject::disconnect(watch);
     VeskHost::detach(&sink);
     const bool flowed = sink.video.packets + sink.audio.packets > 0;
+    if (cls == QLatin1String("VeskInputV4l2") && events.contains(QStringLiteral("CameraOpen"))) {
+        // A camera has no "ready": what it offers and how it is set stand in.
+        QVariantMap camera;
+        camera["formats"] = cameraFormats(url);
+        VeskGraph::runIn(node, [&] { camera["stream"] = node->infoV.params; });
+        camera["ptz"] = graph.invoke(QStringLiteral("probe"), QStringLiteral("ptz_get"));
+        camera["insta360"] = graph.invoke(QStringLiteral("probe"), QStringLiteral("insta360_get"));
+        ready = camera;
+    }
     const bool ok = ready.isValid() && flowed;
     if (json) {
         QJsonObject o{{"url", url},
@@ -263,5 +321,6 @@ int veskProbe(const QStringList& args)
     }
     graph.stop(QStringLiteral("probe"));
     graph.shutdown();
+    if (sim) vsim::Board::instance().stop();
     return ok ? 0 : 1;
 }

@@ -6,7 +6,7 @@
 # Usage: scripts/fuzz-short.sh [-t SECONDS] [-b BUILD_DIR] [SECONDS] [TARGET...]
 #   SECONDS    per target, default 20 (also as the first plain argument)
 #   BUILD_DIR  default build-fuzz beside this scripts/ folder
-#   TARGET     any of: sdp rtp h264_sps h265_sps rtsp_reader mcu_line (default all)
+#   TARGET     any of: sdp rtp h264_sps h265_sps rtsp_reader mcu_line mjpeg (default all)
 # Exit status 0 when every target ran clean; findings are written to
 # BUILD_DIR/artifacts/, each run's log to BUILD_DIR/logs/.
 #
@@ -35,7 +35,7 @@ if [[ $# -gt 0 && $1 =~ ^[0-9]+$ ]]; then
     shift
 fi
 targets=("$@")
-[[ ${#targets[@]} -gt 0 ]] || targets=(sdp rtp h264_sps h265_sps rtsp_reader mcu_line)
+[[ ${#targets[@]} -gt 0 ]] || targets=(sdp rtp h264_sps h265_sps rtsp_reader mcu_line mjpeg)
 [[ $seconds =~ ^[0-9]+$ ]] || { echo "seconds must be a number: $seconds" >&2; exit 2; }
 
 command -v clang++ >/dev/null || { echo "clang++ not found (apt-get install clang)" >&2; exit 2; }
@@ -103,6 +103,10 @@ $(record 0 255 "7c05$(printf '%04200d' 0)" 9)$(record 0 0 7c4501 9)"
 cp -r "$repo/tests/fuzz/seeds/rtsp_reader" "$s/rtsp_reader"
 # The microcontroller line: status, key, configuration and version frames.
 cp -r "$repo/tests/fuzz/seeds/mcu_line" "$s/mcu_line"
+# The camera's MJPEG: a frame with its tables at byte 299, then one without
+# any; an opening that starts without tables.
+seed "$s/mjpeg/tables-at-299" "ff0132ffd8fffe0127$(printf '%0586d' 0)ffc4001f00ffd90008ffd8ffdb0004ffd9"
+seed "$s/mjpeg/none" "01000affd8ffe00004ffd9ff"
 
 mkdir -p "$build/artifacts" "$build/logs"
 declare -a summary

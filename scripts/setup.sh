@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config clang clang-format libclang-rt-14-dev
   qtbase5-dev libqt5serialport5-dev
-  libavformat-dev libavcodec-dev libavutil-dev libasound2-dev
+  libavformat-dev libavcodec-dev libavutil-dev libavdevice-dev libasound2-dev
   libgtest-dev ffmpeg python3
   # The RTSP server of the integration tests (scripts/rtsp-server.py).
   python3-gi python3-gst-1.0 gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base
