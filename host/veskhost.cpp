@@ -11,6 +11,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -18,7 +19,9 @@
 #include <QThread>
 #include <QTimer>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
+#include <mutex>
 
 #include "driver/Driver.h"
 #include "driver/mcu/DriverVesk.h"
@@ -29,6 +32,10 @@
 #include "sim/AudioOut.h"
 #include "sim/VideoOut.h"
 #include "sim/VirtualBoard.h"
+
+extern "C" {
+#include <libavutil/log.h>
+}
 
 namespace {
 
@@ -280,6 +287,32 @@ int prepareBoard(const Options& o, bool boardRequired)
             QStringLiteral("--wav and --snapshot record the virtual board's outputs: give --sim"));
     }
     return -1;
+}
+
+// A device that fails at every read makes FFmpeg say so at the rate of the
+// read loop. A person needs each complaint once a second, with a count.
+void ffmpegLog(void* avcl, int level, const char* fmt, va_list vl)
+{
+    if (level > av_log_get_level()) return;
+    char line[1024];
+    int prefix = 1;
+    va_list copy;
+    va_copy(copy, vl);
+    av_log_format_line2(avcl, level, fmt, copy, line, sizeof line, &prefix);
+    va_end(copy);
+    static std::mutex lock;
+    static QHash<QByteArray, int> seen;
+    static QElapsedTimer window;
+    std::lock_guard<std::mutex> g(lock);
+    if (!window.isValid() || window.elapsed() > 1000) {
+        for (auto it = seen.constBegin(); it != seen.constEnd(); ++it)
+            if (it.value() > 1)
+                std::fprintf(stderr, "    (%d more times) %s", it.value() - 1,
+                             it.key().constData());
+        seen.clear();
+        window.start();
+    }
+    if (seen[QByteArray(line)]++ == 0) std::fputs(line, stderr);
 }
 
 void onQuitSignal(int)
@@ -605,6 +638,7 @@ int main(int argc, char** argv)
 {
     sinceStart.start();
     QCoreApplication app(argc, argv);
+    av_log_set_callback(ffmpegLog);
     const QStringList args = app.arguments().mid(1);
     if (args.isEmpty()) return usage(QStringLiteral("no command given"));
     const QString command = args.first();

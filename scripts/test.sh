@@ -11,6 +11,9 @@ echo "== normal build"
 "$top/scripts/build.sh" "$top/build"
 ctest --test-dir "$top/build" --output-on-failure -j "$jobs" --timeout 300
 
+echo "== soak (short)"
+VESK_BUILD="$top/build" "$top/scripts/soak.sh" --cycles 3
+
 echo "== sanitizer build (ASan + UBSan)"
 "$top/scripts/build.sh" "$top/build-asan" -DVESK_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
 ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \

@@ -737,6 +737,12 @@ uint64_t UsbCamera::cookieFor(int fd)
     return uint64_t(fd);
 }
 
+void UsbCamera::release(uint64_t cookie)
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    d->streams.remove(int(cookie));
+}
+
 long UsbCamera::ioctl(uint64_t& cookie, unsigned long request, void* arg, unsigned long)
 {
     std::unique_lock<std::mutex> l(d->lock);

@@ -56,6 +56,7 @@ public:
 
     int makeFd() override;
     uint64_t cookieFor(int fd) override;
+    void release(uint64_t cookie) override;
     long ioctl(uint64_t& cookie, unsigned long request, void* arg, unsigned long iarg) override;
     void* mmap(uint64_t& cookie, void* addr, size_t len, int prot, int flags,
                off_t offset) override;

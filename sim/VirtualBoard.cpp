@@ -60,6 +60,8 @@ uint64_t Device::cookieFor(int)
     return 0;
 }
 
+void Device::release(uint64_t) {}
+
 long Device::ioctl(uint64_t&, unsigned long, void*, unsigned long)
 {
     return -ENOTTY;
@@ -338,8 +340,18 @@ bool Board::lookupFd(int fd, Open** out)
 
 bool Board::releaseFd(int fd)
 {
-    std::lock_guard<std::mutex> g(lock);
-    return fds.remove(fd) > 0;
+    Open open;
+    {
+        std::lock_guard<std::mutex> g(lock);
+        auto it = fds.find(fd);
+        if (it == fds.end()) return false;
+        open = *it;
+        fds.erase(it);
+    }
+    // Before the number goes back to the kernel: a device must not touch a
+    // descriptor that is about to belong to someone else.
+    if (open.device) open.device->release(open.cookie);
+    return true;
 }
 
 static I2cBus* busOf(QMap<QString, std::shared_ptr<Device>>& devices, int bus, bool create)

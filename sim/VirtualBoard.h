@@ -30,6 +30,8 @@ public:
     virtual int makeFd();
     // Per-open state for a descriptor makeFd just gave out; 0 by default.
     virtual uint64_t cookieFor(int fd);
+    // The descriptor of that open is being closed; the device lets go of it.
+    virtual void release(uint64_t cookie);
     // Per-open state lives in `cookie`; errno is set by returning -errno.
     virtual long ioctl(uint64_t& cookie, unsigned long request, void* arg, unsigned long iarg);
     virtual long read(uint64_t& cookie, void* buf, size_t len);

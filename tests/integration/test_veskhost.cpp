@@ -4,6 +4,7 @@
 
 #include <QFile>
 #include <QImage>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -146,5 +147,39 @@ INSTANTIATE_TEST_SUITE_P(
         BadInput{"MissingBoard", nullptr, false, false, {}, {}},
         BadInput{"Graph", kGraph, true, true, {"VeskNoSuchThing", "ghost"}, {}}),
     [](const auto& i) { return std::string(i.param.name); });
+
+// USB devices pulled out and put back under the host: the camera says so and
+// comes back, the microphone is found again under its new card number, and
+// the probe shows the camera as the node sees it.
+TEST(UsbDevices, ComeBackAfterUnplugAndTheCameraProbeShowsFormatsAndControls)
+{
+    QString err;
+    QList<QJsonObject> lines;
+    ASSERT_EQ(
+        veskhost({"run", VESK_SOURCE_DIR "/examples/graphs/usb.json", "--sim",
+                  VESK_SOURCE_DIR "/examples/scenarios/usb.json", "--json", "--seconds", "15"},
+                 &err, &lines),
+        0)
+        << err.toStdString();
+    QStringList camera;
+    int micAnnouncements = 0;
+    for (const QJsonObject& o : lines) {
+        if (o["node"] == "camera" && o["event"] == "CameraOpen")
+            camera << (o["value"].toBool() ? "open" : "gone");
+        micAnnouncements += o["node"] == "mic" && o["event"] == "infoA";
+    }
+    EXPECT_EQ(camera, QStringList({"open", "gone", "open"}));
+    EXPECT_EQ(micAnnouncements, 2);
+    EXPECT_TRUE(err.contains("[mic] ALSA open done hw:2")) << err.toStdString();
+
+    lines.clear();
+    ASSERT_EQ(veskhost({"probe", "/dev/video0", "--sim", "--json", "--seconds", "2"}, &err, &lines),
+              0);
+    const QJsonObject ready = lines.first()["ready"].toObject();
+    EXPECT_EQ(ready["formats"].toArray().size(), 3);
+    EXPECT_EQ(ready["ptz"].toArray().size(), 3);
+    EXPECT_TRUE(ready["insta360"].toObject().contains("tracking"));
+    EXPECT_EQ(ready["stream"].toObject()["width"].toInt(), 1280);
+}
 
 }  // namespace
