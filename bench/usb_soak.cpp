@@ -178,6 +178,9 @@ int main(int argc, char** argv)
             rssStart = residentKb();
             std::printf("after cycle %d: %d descriptors, %ld kB resident\n", i, fdStart, rssStart);
         }
+        if (i > 2 && i % 25 == 0)
+            std::printf("after cycle %d: %d descriptors, %ld kB resident\n", i, openDescriptors(),
+                        residentKb());
         // Out, and back only once the nodes have let go: a card that returns
         // under the same number before it is noticed keeps a dead handle.
         // The speaker lets go at its next write or its next retry, whichever
