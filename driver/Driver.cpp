@@ -4,6 +4,7 @@
 #include <functional>
 
 #include "driver/DriverBase.h"
+#include "driver/DriverCustom.h"
 #include "driver/audio/DriverCS5368.h"
 #include "driver/audio/DriverCx207.h"
 #include "driver/audio/DriverES8388.h"
@@ -43,7 +44,7 @@ const QList<QPair<QString, Make>>& videoTable()
         {"Vesk", make<DriverVesk>()},       {"LT8619", make<DriverBase>()},
         {"EMA6911", make<DriverEma6911>()}, {"6911uxc", make<Driver6911UXC>()},
         {"GS2971", make<DriverGS2971>()},   {"TC7509", make<DriverBase>()},
-        {"IT6801", make<DriverBase>()},     {"custom", make<DriverBase>()},
+        {"IT6801", make<DriverBase>()},     {"custom", make<DriverCustom>()},
         {"fpga", make<DriverFPGA>()},       {"MS1824", make<DriverBase>()},
     };
     return table;

@@ -8,9 +8,16 @@
 
 #include "driver/Driver.h"
 #include "driver/DriverBase.h"
+#include "driver/VeskDriverCustom.h"
 #include "frame/Vesk.h"
 #include "host/VeskHost.h"
 #include "sim/VirtualBoard.h"
+
+// The program's own plug-in entry: the interface's empty implementation.
+extern "C" VeskDriverCustom* create()
+{
+    return new VeskDriverCustom;
+}
 
 namespace {
 
@@ -92,6 +99,30 @@ TEST_F(Registry, SharedNamesAndUnknownNames)
     // Known names reach the driver.
     EXPECT_TRUE(Driver::setDataV("hdmi2", {{"k", 1}}));
     EXPECT_EQ(Driver::driverMapV.value("hdmi2")->data.value("k"), 1);
+}
+
+// The chip word "custom" loads the integrator's plug-in and publishes what it
+// reports; a plug-in that does not say reports no signal, and one that
+// cannot be loaded leaves the interface without signal, not the process
+// without a capture node.
+TEST_F(Registry, CustomChipPublishesWhatTheIntegratorsPluginReports)
+{
+    QVariantMap interfaces;
+    interfaces["ext"] =
+        QVariantMap{{"chip", "custom"}, {"path", VESK_TEST_RECEIVER}, {"ready", true}};
+    interfaces["self"] = QVariantMap{{"chip", "custom"}, {"path", ""}};
+    interfaces["gone"] = QVariantMap{{"chip", "custom"}, {"path", "/vesk/lib/missing.so"}};
+    VeskHost::setConfig({{"interfaceV", interfaces}});
+    Driver::initV();
+    EXPECT_EQ(classOf(Driver::driverMapV.value("ext")), "DriverCustom");
+    EXPECT_EQ(Driver::getInfoV("ext"), (QVariantMap{{"avalible", true},
+                                                    {"width", 1920},
+                                                    {"height", 1080},
+                                                    {"framerate", 50},
+                                                    {"interlace", false}}));
+    // No path: the program itself is asked for "create" (below).
+    EXPECT_EQ(Driver::getInfoV("self"), (QVariantMap{{"avalible", false}}));
+    EXPECT_EQ(Driver::getInfoV("gone"), QVariantMap());
 }
 
 // A driver that records what its change hook was told.
