@@ -148,6 +148,18 @@ int Driver::getSamplerate(QString name)
     return d ? d->getSamplerate() : 0;
 }
 
+QMap<QString, QVariant> Driver::getDiagnosticsV(QString name)
+{
+    DriverBase* d = lookup(driverMapV, name);
+    return d ? d->diagnostics() : QMap<QString, QVariant>();
+}
+
+QMap<QString, QVariant> Driver::getDiagnosticsA(QString name)
+{
+    DriverBase* d = lookup(driverMapA, name);
+    return d ? d->diagnostics() : QMap<QString, QVariant>();
+}
+
 QVariant Driver::callFuncV(QString name, QString func, QVariant arg)
 {
     DriverBase* d = lookup(driverMapV, name);

@@ -19,6 +19,8 @@ public:
     static QMap<QString, QVariant> getInfoV(QString name);
     static QMap<QString, QVariant> getInfoA(QString name);
     static int getSamplerate(QString name);
+    static QMap<QString, QVariant> getDiagnosticsV(QString name);
+    static QMap<QString, QVariant> getDiagnosticsA(QString name);
     static QVariant callFuncV(QString name, QString func, QVariant arg);
     static QVariant callFuncA(QString name, QString func, QVariant arg);
     static bool setDataV(QString name, QMap<QString, QVariant> map);

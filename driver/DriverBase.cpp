@@ -263,3 +263,8 @@ unsigned long DriverBase::mread(unsigned long phys)
     auto* p = static_cast<volatile uint32_t*>(memmap(phys, 128));
     return p ? *p : 0;
 }
+
+QMap<QString, QVariant> DriverBase::diagnostics()
+{
+    return {};
+}

@@ -18,6 +18,10 @@ public:
     QMap<QString, QVariant> getData();
     int getSamplerate();
     void setData(QMap<QString, QVariant> newData);
+    // What a driver with a state machine is doing inside, for a person
+    // watching an input that is not yet published (stage names, counters,
+    // chosen equaliser values). Nothing in the signal path reads it.
+    virtual QMap<QString, QVariant> diagnostics();
 
     // I2C through /dev/i2c-N. `dev` is the eight-bit address form.
     int write(unsigned int bus, unsigned int dev, unsigned int reg, unsigned int value,

@@ -445,7 +445,7 @@ int watchSignals(const Options& o, QCoreApplication& app)
     const bool json = o.json;
 
     auto report = [&app, json](double t, const QString& name, const QString& side,
-                               const QVariantMap& info) {
+                               const QString& what, const QVariantMap& map) {
         QMetaObject::invokeMethod(
             &app,
             [=] {
@@ -453,28 +453,38 @@ int watchSignals(const Options& o, QCoreApplication& app)
                     printLine(jsonLine({{"t", rounded(t)},
                                         {"interface", name},
                                         {"side", side},
-                                        {"info", VeskHost::toJson(info)}}));
-                else
+                                        {what, VeskHost::toJson(map)}}));
+                else if (what == QLatin1String("info"))
                     printLine(QStringLiteral("%1 %2 (%3)  %4")
-                                  .arg(stamp(t), name, side, describeInfo(info)));
+                                  .arg(stamp(t), name, side, describeInfo(map)));
+                else
+                    printLine(QStringLiteral("%1 %2 (%3)    driver: %4")
+                                  .arg(stamp(t), name, side, describeInfo(map)));
             },
             Qt::QueuedConnection);
     };
+    // A capture node asks for `info` once a second, and so does this
+    // monitor; what a driver's state machine is doing is looked at ten
+    // times as often, so that its stages show between two polls.
+    int tick = 0;
     auto poll = [&] {
-        for (const QString& name : namesV) {
-            const QVariantMap info = Driver::getInfoV(name);
+        const bool infoDue = tick++ % 10 == 0;
+        auto look = [&](const QString& name, const QString& side, bool video) {
             const double t = seconds();
-            const QString key = QStringLiteral("V:") + name;
-            if (first || printed.value(key) != info) report(t, name, QStringLiteral("video"), info);
-            printed.insert(key, info);
-        }
-        for (const QString& name : namesA) {
-            const QVariantMap info = Driver::getInfoA(name);
-            const double t = seconds();
-            const QString key = QStringLiteral("A:") + name;
-            if (first || printed.value(key) != info) report(t, name, QStringLiteral("audio"), info);
-            printed.insert(key, info);
-        }
+            const QString key = side + QLatin1Char(':') + name;
+            if (infoDue) {
+                const QVariantMap info = video ? Driver::getInfoV(name) : Driver::getInfoA(name);
+                if (first || printed.value(key) != info) report(t, name, side, "info", info);
+                printed.insert(key, info);
+            }
+            const QVariantMap inside =
+                video ? Driver::getDiagnosticsV(name) : Driver::getDiagnosticsA(name);
+            const QString insideKey = QStringLiteral("driver:") + key;
+            if (printed.value(insideKey) != inside) report(t, name, side, "driver", inside);
+            printed.insert(insideKey, inside);
+        };
+        for (const QString& name : namesV) look(name, QStringLiteral("video"), true);
+        for (const QString& name : namesA) look(name, QStringLiteral("audio"), false);
         first = false;
     };
     QMetaObject::invokeMethod(
@@ -485,7 +495,7 @@ int watchSignals(const Options& o, QCoreApplication& app)
             poll();
             timer = new QTimer(&context);
             QObject::connect(timer, &QTimer::timeout, &context, poll);
-            timer->start(1000);
+            timer->start(100);
         },
         Qt::QueuedConnection);
 
