@@ -34,6 +34,10 @@ int shmdt(const void* addr);
 int system(const char* command);
 // CLOCK_REALTIME is the board's wall clock, which may not be set yet.
 int clock_gettime(clockid_t clock, struct timespec* ts);
+// Sleeps of the library's own threads (bring-up waits, poll loops). On the
+// virtual board a test can hold the board's clock and step these.
+void usleep(int64_t us);
+void msleep(int64_t ms);
 // Where a board path (such as "/vesk/config/edid.bin") lives on this machine;
 // for code that opens files through Qt rather than through open().
 QString path(const QString& boardPath);

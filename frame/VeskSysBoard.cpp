@@ -73,6 +73,14 @@ int clock_gettime(clockid_t clock, struct timespec* ts)
 {
     return ::clock_gettime(clock, ts);
 }
+void usleep(int64_t us)
+{
+    ::usleep(useconds_t(us < 0 ? 0 : us));
+}
+void msleep(int64_t ms)
+{
+    usleep(ms * 1000);
+}
 int system(const char* command)
 {
     return ::system(command);

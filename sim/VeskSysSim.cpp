@@ -12,6 +12,7 @@
 #include <cstdlib>
 
 #include "frame/VeskSys.h"
+#include "sim/BoardClock.h"
 #include "sim/Peripherals.h"
 #include "sim/VirtualBoard.h"
 
@@ -177,6 +178,16 @@ int clock_gettime(clockid_t clock, struct timespec* ts)
         ts->tv_sec -= 1;
     }
     return 0;
+}
+
+void usleep(int64_t us)
+{
+    vsim::BoardClock::instance().sleepUs(us);
+}
+
+void msleep(int64_t ms)
+{
+    vsim::BoardClock::instance().sleepUs(ms * 1000);
 }
 
 QString path(const QString& boardPath)

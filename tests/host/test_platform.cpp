@@ -4,13 +4,20 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <mutex>
+#include <thread>
+#include <tuple>
 
 #include "frame/Vesk.h"
 #include "frame/VeskHi.h"
+#include "frame/VeskSys.h"
 #include "host/VeskHost.h"
+#include "sim/BoardClock.h"
 #include "sim/VideoOut.h"
 #include "sim/VirtualBoard.h"
 
@@ -196,4 +203,46 @@ TEST(HostServices, JsonCarriesLoneValuesAndStructures)
     EXPECT_EQ(Json::decode(R"({"n":3,"f":1.5})"), (QVariantMap{{"n", 3}, {"f", 1.5}}));
     EXPECT_EQ(Json::decode("7"), QVariant(7));
     EXPECT_FALSE(Json::decode("{broken").isValid());
+}
+
+// A held board clock walks a poll loop pass by pass: two threads with
+// different periods see exactly the passes their deadlines allow, a thread
+// that ends does not hold the clock up, and releasing it frees a sleeper.
+TEST(BoardClock, HeldClockStepsSleepersInDeadlineOrder)
+{
+    auto& clock = vsim::BoardClock::instance();
+    clock.hold();
+    std::mutex m;
+    std::vector<std::pair<char, int64_t>> passes;
+    std::atomic<bool> stop{false};
+    auto loop = [&](char who, int periodMs, int limit) {
+        for (int i = 0; i < limit && !stop; ++i) {
+            vsys::msleep(periodMs);
+            std::lock_guard<std::mutex> g(m);
+            passes.emplace_back(who, clock.nowUs() / 1000);
+        }
+    };
+    std::thread a(loop, 'a', 100, 1000), b(loop, 'b', 250, 2);
+    ASSERT_TRUE(clock.waitSleepers(2));
+    clock.advance(1000);
+    {
+        std::lock_guard<std::mutex> g(m);
+        std::vector<std::pair<char, int64_t>> want;
+        for (int t = 100; t <= 1000; t += 100) want.emplace_back('a', t);
+        want.emplace_back('b', 250);
+        want.emplace_back('b', 500);
+        // Two threads woken at one instant run in either order.
+        auto byTime = [](auto& x, auto& y) {
+            return std::tie(x.second, x.first) < std::tie(y.second, y.first);
+        };
+        EXPECT_TRUE(std::is_sorted(passes.begin(), passes.end(),
+                                   [](auto& x, auto& y) { return x.second < y.second; }));
+        std::sort(want.begin(), want.end(), byTime);
+        std::sort(passes.begin(), passes.end(), byTime);
+        EXPECT_EQ(passes, want);
+    }
+    b.join();  // ended after two passes, and advance() did not wait for it
+    stop = true;
+    clock.release();
+    a.join();
 }
