@@ -30,6 +30,7 @@
 #include "host/VeskGraph.h"
 #include "host/probe.h"
 #include "sim/AudioOut.h"
+#include "sim/Emu6604.h"
 #include "sim/VideoOut.h"
 #include "sim/VirtualBoard.h"
 
@@ -315,6 +316,14 @@ void ffmpegLog(void* avcl, int level, const char* fmt, va_list vl)
     if (seen[QByteArray(line)]++ == 0) std::fputs(line, stderr);
 }
 
+// The 6604's control segment is the machine's, not the process's: a run on
+// the virtual board takes it away when it ends, as the control process would.
+void endBoard()
+{
+    vsim::Board::instance().stop();
+    vsim::Emu6604::removeSegment();
+}
+
 void onQuitSignal(int)
 {
     const char c = 1;
@@ -407,7 +416,7 @@ int runGraph(const Options& o, QCoreApplication& app)
     for (const Options::Snapshot& shot : o.snapshots)
         if (shot.at < 0 || shot.at > seconds()) takeSnapshot(shot);
     graph.shutdown();
-    if (o.sim) vsim::Board::instance().stop();
+    if (o.sim) endBoard();
     return 0;
 }
 
@@ -515,7 +524,7 @@ int watchSignals(const Options& o, QCoreApplication& app)
         Qt::BlockingQueuedConnection);
     worker.quit();
     worker.wait();
-    if (o.sim) vsim::Board::instance().stop();
+    if (o.sim) endBoard();
     return 0;
 }
 
@@ -638,7 +647,7 @@ int watchLine(const QStringList& args, QCoreApplication& app)
     quitOnSignals(&app);
     app.exec();
     mcu::setObserver(nullptr);
-    if (o.sim) vsim::Board::instance().stop();
+    if (o.sim) endBoard();
     return 0;
 }
 
