@@ -16,6 +16,7 @@
 #include "driver/video/DriverEma6911.h"
 #include "driver/video/DriverFPGA.h"
 #include "driver/video/DriverGS2971.h"
+#include "driver/video/DriverMS1824.h"
 #include "frame/Vesk.h"
 
 QMap<QString, DriverBase*> Driver::driverMapV;
@@ -45,7 +46,7 @@ const QList<QPair<QString, Make>>& videoTable()
         {"EMA6911", make<DriverEma6911>()}, {"6911uxc", make<Driver6911UXC>()},
         {"GS2971", make<DriverGS2971>()},   {"TC7509", make<DriverBase>()},
         {"IT6801", make<DriverBase>()},     {"custom", make<DriverCustom>()},
-        {"fpga", make<DriverFPGA>()},       {"MS1824", make<DriverBase>()},
+        {"fpga", make<DriverFPGA>()},       {"MS1824", make<DriverMS1824>()},
     };
     return table;
 }
