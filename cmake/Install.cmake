@@ -101,7 +101,6 @@ set(CPACK_PACKAGE_NAME veskio)
 set(CPACK_PACKAGE_VENDOR "Vesk")
 set(CPACK_PACKAGE_CONTACT "Vesk firmware team <firmware@vesk.invalid>")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Input/output nodes and chip drivers of the Vesk appliance")
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime dev host)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -114,6 +113,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_NAME libveskio-dev)
 set(CPACK_DEBIAN_HOST_PACKAGE_NAME veskhost)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_HOST_PACKAGE_SECTION video)
+# Each package's first description line is its summary.
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
   "Vesk I/O library: capture, playback and device nodes\n The nodes a Vesk host creates by class name, and the chip drivers under them.")
 set(CPACK_COMPONENT_DEV_DESCRIPTION
