@@ -30,12 +30,13 @@ status=0
 for way in pkg-config cmake; do
   # The board names the plug-in by file name; the loader finds it on the
   # library path.
+  rc=0
   out=$(LD_LIBRARY_PATH="$work/$way" "$prefix/bin/veskhost" signals \
-    --board "$top/examples/boards/custom.json" --json --seconds 1.5 2>"$work/$way/stderr")
+    --board "$top/examples/boards/custom.json" --json --seconds 1.5 2>"$work/$way/stderr") || rc=$?
   echo "$way: $out"
-  if ! grep -q '"interface":"cam1".*"avalible":true.*"framerate":30,"height":1080.*"width":1920' \
+  if [ $rc != 0 ] || ! grep -q '"interface":"cam1".*"avalible":true.*"framerate":30,"height":1080.*"width":1920' \
     <<<"$out"; then
-    echo "$way: the plug-in's signal did not show" >&2
+    echo "$way: the plug-in's signal did not show (veskhost exit status $rc)" >&2
     cat "$work/$way/stderr" >&2
     status=1
   fi
