@@ -13,6 +13,9 @@ class QSocketNotifier;
 
 class VeskDevice : public VeskObject {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "keyPress IR")
 public:
     Q_INVOKABLE explicit VeskDevice(QObject* parent = nullptr);
 

@@ -18,6 +18,9 @@ Q_DECLARE_METATYPE(gpio_state)
 
 class VeskGPIO : public VeskObject {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "up down click")
 public:
     Q_INVOKABLE explicit VeskGPIO(QObject* parent = nullptr);
 

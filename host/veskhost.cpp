@@ -28,6 +28,7 @@
 #include "driver/mcu/McuLine.h"
 #include "frame/Vesk.h"
 #include "host/VeskGraph.h"
+#include "host/inspect.h"
 #include "host/probe.h"
 #include "sim/AudioOut.h"
 #include "sim/Emu6604.h"
@@ -46,6 +47,7 @@ int quitPipe[2] = {-1, -1};
 const char kUsage[] =
     "usage:\n"
     "  veskhost classes\n"
+    "  veskhost inspect [CLASS] [--json]\n"
     "  veskhost run GRAPH.json [--board BOARD.json] [--sim [SCENARIO.json]] [--seconds N]\n"
     "                          [--json] [--debug] [--wav [DEV=]FILE ...]\n"
     "                          [--snapshot DEV:FILE.png[@SECONDS] ...]\n"
@@ -668,6 +670,7 @@ int main(int argc, char** argv)
         return 0;
     }
 
+    if (command == QLatin1String("inspect")) return veskInspect(args.mid(1));
     if (command == QLatin1String("probe")) return veskProbe(args.mid(1));
     if (command == QLatin1String("mcu")) return watchLine(args.mid(1), app);
 

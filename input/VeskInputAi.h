@@ -15,6 +15,9 @@
 
 class VeskInputAi : public VeskObject {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "")
 public:
     Q_INVOKABLE explicit VeskInputAi(QObject* parent = nullptr);
 

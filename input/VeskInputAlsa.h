@@ -17,6 +17,9 @@ struct AVFormatContext;
 
 class VeskInputAlsa : public VeskObject {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "")
 public:
     Q_INVOKABLE explicit VeskInputAlsa(QObject* parent = nullptr);
     ~VeskInputAlsa() override;

@@ -18,6 +18,9 @@ class QTimerEvent;
 
 class VeskInputFile : public VeskObject {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "EOF")
 public:
     Q_INVOKABLE explicit VeskInputFile(QObject* parent = nullptr);
     ~VeskInputFile() override;

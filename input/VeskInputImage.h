@@ -11,6 +11,9 @@
 
 class VeskInputImage : public VeskObject {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "")
 public:
     Q_INVOKABLE explicit VeskInputImage(QObject* parent = nullptr);
     ~VeskInputImage() override;

@@ -21,6 +21,9 @@ class QTimerEvent;
 
 class VeskInputNet : public VeskObject {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "ready error timeout")
 public:
     Q_INVOKABLE explicit VeskInputNet(QObject* parent = nullptr);
     ~VeskInputNet() override;

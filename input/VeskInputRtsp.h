@@ -21,6 +21,9 @@
 
 class VeskInputRtsp : public VeskObject, private RtspMediaSink, private RtspReaderClient {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "ready error timeout")
 public:
     using Message = QMap<QString, QString>;
 

@@ -96,6 +96,9 @@ inline char* mjpegUnit(char* buf, int32_t* len, int32_t* hasDHT)
 
 class VeskInputV4l2 : public VeskObject {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "CameraOpen")
 public:
     Q_INVOKABLE explicit VeskInputV4l2(QObject* parent = nullptr);
     ~VeskInputV4l2() override;

@@ -16,6 +16,9 @@
 
 class VeskInputVi : public VeskObject {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "signal")
 public:
     Q_INVOKABLE explicit VeskInputVi(QObject* parent = nullptr);
     ~VeskInputVi() override;

@@ -17,6 +17,9 @@ typedef struct _snd_pcm snd_pcm_t;
 
 class VeskOutputAlsa : public VeskObject {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "")
 public:
     Q_INVOKABLE explicit VeskOutputAlsa(QObject* parent = nullptr);
     ~VeskOutputAlsa() override;

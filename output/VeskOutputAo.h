@@ -9,6 +9,9 @@
 
 class VeskOutputAo : public VeskObject {
     Q_OBJECT
+    // Every event name this class passes to sendEvent or newEvent, for
+    // `veskhost inspect`; a test holds it to the source.
+    Q_CLASSINFO("events", "")
 public:
     Q_INVOKABLE explicit VeskOutputAo(QObject* parent = nullptr);
 

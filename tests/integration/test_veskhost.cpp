@@ -8,6 +8,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 namespace {
@@ -183,3 +184,81 @@ TEST(UsbDevices, ComeBackAfterUnplugAndTheCameraProbeShowsFormatsAndControls)
 }
 
 }  // namespace
+
+// The event names a node class passes to sendEvent/newEvent in its source.
+QStringList eventsInSource(const QString& className)
+{
+    QString text;
+    for (const char* dir : {"input", "output", "device"}) {
+        QFile f(QStringLiteral(VESK_SOURCE_DIR "/%1/%2.cpp").arg(dir, className));
+        if (f.open(QIODevice::ReadOnly)) text = f.readAll();
+    }
+    QStringList names;
+    static const QRegularExpression call(QStringLiteral("\\b(sendEvent|newEvent)\\s*\\("));
+    for (auto it = call.globalMatch(text); it.hasNext();) {
+        // The literals of the first argument, up to its comma.
+        int depth = 0;
+        for (int i = it.next().capturedEnd(); i < text.size() && depth >= 0; ++i) {
+            const QChar c = text[i];
+            if (c == '(') ++depth;
+            if (c == ')') --depth;
+            if (c == ',' && depth == 0) break;
+            if (c != '"') continue;
+            const int end = text.indexOf('"', i + 1);
+            if (!names.contains(text.mid(i + 1, end - i - 1)))
+                names << text.mid(i + 1, end - i - 1);
+            i = end;
+        }
+    }
+    names.sort();
+    return names;
+}
+
+TEST(Inspect, TellsDataDefaultsMethodsAndEventsTrueToTheSource)
+{
+    QProcess p;
+    p.start(VESKHOST, {"inspect", "VeskInputRtsp"});
+    ASSERT_TRUE(p.waitForFinished(60000));
+    const QString text = p.readAllStandardOutput();
+    const char* const rows[][3] = {{"agent", "QString", "\"VeskSDK\""},
+                                   {"protocol", "QString", "\"tcp\""},
+                                   {"path", "QString", "\"\""},
+                                   {"timeout", "int", "10"},
+                                   {"timestampMode", "QString", "\"auto\""}};
+    for (const auto& r : rows)
+        EXPECT_TRUE(text.contains(QRegularExpression(
+            QStringLiteral("\n +%1 +%2 +%3\n").arg(r[0], r[1], QRegularExpression::escape(r[2])))))
+            << r[0] << "\n"
+            << text.toStdString();
+    EXPECT_TRUE(text.contains("events:\n    ready error timeout\n")) << text.toStdString();
+    EXPECT_TRUE(text.contains("shareDepth  3\n"));
+
+    QString err;
+    QList<QJsonObject> lines;
+    ASSERT_EQ(veskhost({"inspect", "--json"}, &err, &lines), 0) << err.toStdString();
+    const QJsonObject all = lines.value(0);
+    ASSERT_EQ(all.size(), 13) << err.toStdString();
+    const QJsonObject rtsp = all["VeskInputRtsp"].toObject();
+    for (const auto& r : rows) {
+        const QJsonObject key = rtsp["data"][r[0]].toObject();
+        EXPECT_EQ(key["type"].toString(), r[1]) << r[0];
+        EXPECT_EQ(QJsonDocument(QJsonArray{key["default"]}).toJson(QJsonDocument::Compact),
+                  QByteArray("[") + r[2] + "]")
+            << r[0];
+    }
+    const QJsonObject seek{
+        {"name", "seek"},
+        {"kind", "invokable"},
+        {"returns", "QVariant"},
+        {"arguments", QJsonArray{QJsonObject{{"type", "QVariant"}, {"name", "milliseconds"}}}}};
+    EXPECT_TRUE(all["VeskInputFile"]["methods"].toArray().contains(seek));
+    // Every class declares its events, and exactly those its source sends.
+    for (auto it = all.begin(); it != all.end(); ++it) {
+        const QJsonValue declared = it.value()["events"];
+        ASSERT_TRUE(declared.isArray()) << it.key().toStdString();
+        QStringList names;
+        for (const QJsonValue& e : declared.toArray()) names << e.toString();
+        names.sort();
+        EXPECT_EQ(names, eventsInSource(it.key())) << it.key().toStdString();
+    }
+}
