@@ -132,6 +132,7 @@ void EmuLT8619::writeLocked(uint8_t r, uint8_t value)
         return;
     }
     banks[bank][r] = value;
+    written.emplace(bank, r);
     if (bank == 0x80) {
         if (r == 0x06) hpd.emplace_back(BoardClock::instance().nowUs(), (value & 0x08) != 0);
         if (r == 0x8F) edidPtr = value;
@@ -165,6 +166,18 @@ uint8_t EmuLT8619::reg(uint8_t b, uint8_t r) const
     std::lock_guard<std::mutex> g(lock);
     auto it = banks.find(b);
     return it == banks.end() ? 0 : it->second[r];
+}
+
+bool EmuLT8619::wrote(uint8_t b, uint8_t r) const
+{
+    std::lock_guard<std::mutex> g(lock);
+    return written.count({b, r}) != 0;
+}
+
+void EmuLT8619::clearWrites()
+{
+    std::lock_guard<std::mutex> g(lock);
+    written.clear();
 }
 
 int EmuLT8619::syncReads() const

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 
 #include "sim/VirtualBoard.h"
 
@@ -44,6 +45,9 @@ public:
 
     // Registers as last written (bank 0x80 or 0x60).
     uint8_t reg(uint8_t bank, uint8_t r) const;
+    // Whether the library wrote the register since clearWrites().
+    bool wrote(uint8_t bank, uint8_t r) const;
+    void clearWrites();
     // How often the library read the sync status register (bank 0x80, 0x13).
     int syncReads() const;
     QByteArray edid() const;
@@ -62,6 +66,7 @@ private:
     std::array<uint8_t, 256> edidShadow{};
     uint8_t edidPtr = 0;
     std::vector<std::pair<int64_t, bool>> hpd;
+    std::set<std::pair<uint8_t, uint8_t>> written;
 
     bool clock = false, pll = false, hsync = false, hdmi = true, interlaced = false;
     bool pllArmed = false;  // the receiver restarted its PLL since the clock came

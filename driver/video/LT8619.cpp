@@ -216,7 +216,8 @@ uint8_t LT8619::LT8619C_ClkDet()
 {
     uint8_t* rx = pLT8619C_RXStatus;
     HDMI_WriteI2C_Byte(0xFF, 0x80);
-    if (!(HDMI_ReadI2C_Byte(0x44) & 0x08)) {
+    clockSeen = HDMI_ReadI2C_Byte(0x44) & 0x08;
+    if (!clockSeen) {
         if (rx[0]) {
             enable = false;
             qDebug().noquote() << "clk disappear!!!";
@@ -512,7 +513,7 @@ void LT8619::noteStage()
 {
     const uint8_t* rx = pLT8619C_RXStatus;
     int s = StageClock;
-    if (rx[0]) s = StagePll;
+    if (clockSeen) s = StagePll;
     if (rx[0] && rx[2]) s = StageSync;
     if (rx[3]) s = print_en >= kPublishAfter ? StagePublished : StageCounting;
     stageCode = s;

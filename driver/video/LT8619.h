@@ -115,6 +115,7 @@ private:
 
     uint16_t print_en = 0;     // stable passes, up to 10
     uint32_t LoopCounter = 0;  // passes with a locked clock
+    bool clockSeen = false;    // the last look found a clock
 
     // Mirrors for diagnostics(), which runs on other threads.
     std::atomic<int> stageCode{0};
