@@ -121,15 +121,17 @@ TEST_F(Lt8619, WalksFromHotPlugToPublicationAndBackToNoClock)
     EXPECT_EQ(stage(), "published");
 
     // Settled: the sync register is read on every tenth pass only, and a new
-    // format that keeps sync (VIC change included) is not published.
-    emu->setSource({{"vic", 4}, {"width", 1280}, {"height", 720}, {"framerate", 60}});
+    // format that keeps sync (VIC change included) reaches the output timing
+    // but is not published.
+    emu->setSource({{"vic", 16}, {"width", 1920}, {"height", 1080}, {"framerate", 60}});
     int reads = emu->syncReads();
     passes(9);
     EXPECT_EQ(emu->syncReads(), reads);
     passes(11);
     EXPECT_GT(emu->syncReads(), reads);
     EXPECT_EQ(info(), published(1280, 720, 50, false, false));
-    EXPECT_EQ(reg16(0x69), 720);
+    EXPECT_EQ(reg16(0x63), 1920);
+    EXPECT_EQ(reg16(0x69), 1080);
 
     // Sync lost, then back with a drop in the sixth of the eight checks: the
     // next pass counts all eight again.
