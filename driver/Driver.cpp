@@ -16,6 +16,7 @@
 #include "driver/video/DriverEma6911.h"
 #include "driver/video/DriverFPGA.h"
 #include "driver/video/DriverGS2971.h"
+#include "driver/video/DriverLT8619.h"
 #include "driver/video/DriverMS1824.h"
 #include "frame/Vesk.h"
 
@@ -42,7 +43,7 @@ const QList<QPair<QString, Make>>& videoTable()
 {
     static const QList<QPair<QString, Make>> table = {
         {"6604", make<Driver6604>()},       {"7611", make<Driver7611>()},
-        {"Vesk", make<DriverVesk>()},       {"LT8619", make<DriverBase>()},
+        {"Vesk", make<DriverVesk>()},       {"LT8619", make<DriverLT8619>()},
         {"EMA6911", make<DriverEma6911>()}, {"6911uxc", make<Driver6911UXC>()},
         {"GS2971", make<DriverGS2971>()},   {"TC7509", make<DriverBase>()},
         {"IT6801", make<DriverBase>()},     {"custom", make<DriverCustom>()},
