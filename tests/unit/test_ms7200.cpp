@@ -2,9 +2,12 @@
 // against the emulated chip on either bus.
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "driver/DriverBase.h"
 #include "driver/video/ms7200/ms7200_app.h"
 #include "driver/video/ms7200/ms7200_regs.h"
+#include "sim/BoardClock.h"
 #include "sim/EmuMS7200.h"
 #include "sim/VirtualBoard.h"
 
@@ -136,6 +139,34 @@ TEST(Ms7200Phy, ClockOf500PowersDownAnd501Searches)
         EXPECT_EQ(rig.emu->chip()->reg(ms7200reg::kPhyPower) & 1, raw == 759 ? 0 : 1);
         EXPECT_EQ(rig.app.eqGains(),
                   raw == 759 ? QVector<int>({-1, -1, -1}) : QVector<int>({4, 4, 4}));
+    }
+}
+
+// The 28-step search on a held board clock: narrowing, the eye cut at nine
+// steps, the second range agreeing; and the fall-back without PLL lock.
+TEST(Ms7200Phy, TwentyEightStepSearch)
+{
+    struct Case {
+        QVariantMap extra;
+        uint8_t result;
+        int index;
+    } cases[] = {
+        {{}, 3, 12}, {{{"eye28", QVariantList{20, 27}}}, 3, 23}, {{{"noLock", true}}, 0, 13}};
+    for (const Case& c : cases) {
+        Rig rig({});
+        QVariantMap s = source(1920, 1080, 60, false, 48000);
+        for (auto it = c.extra.begin(); it != c.extra.end(); ++it) s[it.key()] = it.value();
+        rig.emu->setSource(s);
+        auto& clock = vsim::BoardClock::instance();
+        clock.hold();
+        uint8_t r = 0xFF;
+        std::thread t([&] { r = rig.app.ms7200drv_hdmi_rx_pi_phy_config_with_28eq(14850, 255); });
+        ASSERT_TRUE(clock.waitSleepers(1));
+        clock.advance(20000);
+        t.join();
+        clock.release();
+        EXPECT_EQ(r, c.result);
+        EXPECT_EQ(rig.app.eqGains(), QVector<int>({c.index, c.index, c.index}));
     }
 }
 
