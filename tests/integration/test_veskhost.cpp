@@ -74,6 +74,18 @@ TEST(SignalMonitor, DefaultScenarioShowsSourceComingChangingAndGoing)
     }
     EXPECT_TRUE(stages.contains("VSTATE_VideoOn") && stages.last() == "VSTATE_SWReset")
         << stages.join(' ').toStdString();
+
+    // The MS7200 behind the same chip word: 1080p60, then 720p50 with a new
+    // audio rate, then nothing.
+    QList<QJsonObject> hdmi4;
+    for (const QJsonObject& o : lines)
+        if (o["interface"] == "hdmi4" && o["side"] == "audio" && o.contains("info"))
+            hdmi4 << o["info"].toObject();
+    ASSERT_EQ(hdmi4.size(), 4) << err.toStdString();
+    EXPECT_EQ(hdmi4[1]["width"].toInt() * hdmi4[1]["avalible"].toBool(), 1920);
+    EXPECT_EQ(hdmi4[2]["width"].toInt() * hdmi4[2]["avalible"].toBool(), 1280);
+    EXPECT_EQ(hdmi4[2]["samplerate"].toInt(), 44100);
+    EXPECT_FALSE(hdmi4[3]["avalible"].toBool());
 }
 
 // The main job: the line input's tone goes through the board output into a
