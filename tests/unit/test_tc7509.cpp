@@ -35,11 +35,12 @@ protected:
     }
     // Builds the chip (unless `chip` is false) and the driver, and runs the
     // thread through its bring-up and first pass.
-    void start(const QVariantMap& source, bool chip = true, const QVariantMap& extra = {})
+    void start(const QVariantMap& source, bool chip = true, const QVariantMap& extra = {},
+               const QVariantMap& chipSettings = {{"bus", 2}})
     {
         if (chip) {
             emu = std::dynamic_pointer_cast<vsim::EmuIT6602>(
-                Board::instance().addChip("hdmi3", "IT6602", {{"bus", 2}}));
+                Board::instance().addChip("hdmi3", "IT6602", chipSettings));
             emu->setSource(source);
         }
         driver = new DriverTC7509;
@@ -255,6 +256,16 @@ TEST_F(TC7509Input, EqualiserRunChoosesTheValueWithFewestErrors)
         stop();
     }
     EXPECT_EQ(IT6602Class::JudgeBestEQ(3, 1, 2), 1);
+}
+
+TEST_F(TC7509Input, BitBangedBusCarriesTheSameMachine)
+{
+    start(k1080p60, true, {{"gpio_i2c", true}, {"i2c_num", -1}},
+          {{"gpio_i2c", true}, {"model", "IT6801"}});
+    passes(1);
+    EXPECT_EQ(video(), "VSTATE_VideoOn");
+    EXPECT_EQ(Driver::getInfoV("hdmi3").value("width"), 1920);
+    EXPECT_EQ(Driver::getSamplerate("hdmi3"), 48000);
 }
 
 TEST_F(TC7509Input, NoChipAnsweringEndsTheThreadWithoutSignal)
