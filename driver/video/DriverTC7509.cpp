@@ -144,8 +144,7 @@ void DriverTC7509::onCheck()
         rate = dev.pclk;
     } else {
         double r = double(dev.pclk) * 1000.0;
-        if (dev.htotal) r /= dev.htotal;
-        if (dev.vtotal) r /= dev.vtotal;
+        if (dev.htotal && dev.vtotal) r = r / dev.htotal / dev.vtotal;
         rate = snapRate(int(std::lround(r)));
     }
     const bool interlace = dev.flags & 1;
