@@ -179,6 +179,15 @@ TEST(Ms7200App, WalkLockChangeDrop)
         Rig rig(settings);
         ASSERT_TRUE(rig.app.ms7200_CheckChipID());
         rig.app.ms7200_init();
+        // The built-in EDID went into the chip's RAM, both blocks summing to 0.
+        uint8_t sum[2] = {0, 0};
+        for (int i = 0; i < 256; i++) {
+            uint8_t b = rig.emu->chip()->reg(uint16_t(ms7200reg::kEdidRam + i));
+            EXPECT_EQ(b, Default_Edid_Block[size_t(i)]);
+            sum[i / 128] = uint8_t(sum[i / 128] + b);
+        }
+        EXPECT_EQ(sum[0] | sum[1], 0);
+        EXPECT_EQ(Default_Edid_Block[1], 0xFF);
         rig.passes(2);
         EXPECT_EQ(rig.rec.lock, 0);
         EXPECT_STREQ(rig.app.stage(), "no clock");

@@ -203,7 +203,7 @@ int CMs7200App::stableCount() const
 
 QVector<int> CMs7200App::eqGains() const
 {
-    return {m_eqGains[0], m_eqGains[1], m_eqGains[2]};
+    return {m_eqGains[0].load(), m_eqGains[1].load(), m_eqGains[2].load()};
 }
 
 const char* CMs7200App::stage() const

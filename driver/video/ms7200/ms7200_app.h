@@ -5,6 +5,7 @@
 
 #include <QVector>
 #include <array>
+#include <atomic>
 
 #include "driver/video/it6602_dev_data.h"
 #include "ms7200_hdmi_rx.h"
@@ -45,5 +46,5 @@ private:
     uint16_t m_u16_tmds_clk = 0;
     uint8_t m_b_phy_settled = 1;
     uint8_t m_b_timing_valid = 0;
-    int m_i_stable_count = 0;
+    std::atomic<int> m_i_stable_count{0};
 };

@@ -358,7 +358,7 @@ bool CMs7200drvHdmiRx::ms7200drv_hdmi_rx_pi_eq_config(uint8_t code)
     if (code == 254) return true;
     if (code < 254) {
         for (int ch = 0; ch < 3; ch++) setEqGain(ch, code);
-        m_eqGains = {{code, code, code}};
+        for (auto& g : m_eqGains) g = code;
         return true;
     }
     uint16_t counts[3][6];
@@ -381,8 +381,8 @@ bool CMs7200drvHdmiRx::ms7200drv_hdmi_rx_pi_eq_config(uint8_t code)
         m_eqGains[ch] = g;
     }
     if (!ok)
-        qDebug("ms7200: EQ search failed, gains %d %d %d", m_eqGains[0], m_eqGains[1],
-               m_eqGains[2]);
+        qDebug("ms7200: EQ search failed, gains %d %d %d", m_eqGains[0].load(), m_eqGains[1].load(),
+               m_eqGains[2].load());
     errDetRestart();
     return ok;
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 
 #include "ms7200_drv_misc.h"
 
@@ -105,8 +106,9 @@ public:
     uint16_t ms7200drv_hdmi_rx_audio_config(uint8_t mode, uint16_t tmds);
     void ms7200drv_hdmi_audio_pll_config(uint8_t mode, uint16_t tmds, uint32_t n, uint32_t cts);
 
-    // Last chosen gains (plain search) or 28-step indices, by channel.
-    std::array<int, 3> m_eqGains{{-1, -1, -1}};
+    // Last chosen gains (plain search) or 28-step indices, by channel; read
+    // by diagnostics from another thread.
+    std::atomic<int> m_eqGains[3] = {-1, -1, -1};
 
 private:
     void _drv_hdmi_rx_pi_offset_config(int ch);
