@@ -62,6 +62,7 @@ bool IT6602Class::i2c_open()
 
 void IT6602Class::i2c_close()
 {
+    QMutexLocker guard(&busLock);
     if (dev->i2c_fd >= 0) vsys::close(dev->i2c_fd);
     dev->i2c_fd = -1;
 }
@@ -69,6 +70,7 @@ void IT6602Class::i2c_close()
 // A failed transfer reads as 0: no sync, no power, no ID.
 uint8_t IT6602Class::rd(int addr, uint8_t reg)
 {
+    QMutexLocker guard(&busLock);
     if (dev->gpio_i2c) return uint8_t(bus->sread(unsigned(addr), reg, dev->i2c_num, false));
     if (dev->i2c_fd < 0) return 0;
     if (vsys::ioctl(dev->i2c_fd, I2C_SLAVE_FORCE, (unsigned long)(addr >> 1)) < 0) return 0;
@@ -83,6 +85,7 @@ uint8_t IT6602Class::rd(int addr, uint8_t reg)
 
 void IT6602Class::wr(int addr, uint8_t reg, uint8_t value)
 {
+    QMutexLocker guard(&busLock);
     if (dev->gpio_i2c) {
         bus->swrite(unsigned(addr), reg, value, dev->i2c_num, false);
         return;

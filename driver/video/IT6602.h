@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QMutex>
 #include <QString>
 #include <cstdint>
 
@@ -111,6 +112,9 @@ private:
 
     it6602_dev_data* dev;
     DriverBase* bus;
+    // A CEC command comes from a caller's thread: one transfer at a time, so
+    // that its page select cannot slip between the thread's own.
+    QMutex busLock;
     bool eventPending = false;
     int lastPclkReg = -1;
     bool lastSized = true;
