@@ -18,6 +18,7 @@
 #include "driver/video/DriverGS2971.h"
 #include "driver/video/DriverLT8619.h"
 #include "driver/video/DriverMS1824.h"
+#include "driver/video/DriverTC7509.h"
 #include "frame/Vesk.h"
 
 QMap<QString, DriverBase*> Driver::driverMapV;
@@ -45,8 +46,8 @@ const QList<QPair<QString, Make>>& videoTable()
         {"6604", make<Driver6604>()},       {"7611", make<Driver7611>()},
         {"Vesk", make<DriverVesk>()},       {"LT8619", make<DriverLT8619>()},
         {"EMA6911", make<DriverEma6911>()}, {"6911uxc", make<Driver6911UXC>()},
-        {"GS2971", make<DriverGS2971>()},   {"TC7509", make<DriverBase>()},
-        {"IT6801", make<DriverBase>()},     {"custom", make<DriverCustom>()},
+        {"GS2971", make<DriverGS2971>()},   {"TC7509", make<DriverTC7509>()},
+        {"IT6801", make<DriverTC7509>()},   {"custom", make<DriverCustom>()},
         {"fpga", make<DriverFPGA>()},       {"MS1824", make<DriverMS1824>()},
     };
     return table;
@@ -57,8 +58,8 @@ const QList<QPair<QString, Make>>& audioTable()
     static const QList<QPair<QString, Make>> table = {
         {"cs5368", make<DriverCS5368>()}, {"tlv32", make<DriverTlv32>()},
         {"cx207", make<DriverCx207>()},   {"Vesk", make<DriverVesk>()},
-        {"TC7509", make<DriverBase>()},   {"ES8388", make<DriverES8388>()},
-        {"IT6801", make<DriverBase>()},
+        {"TC7509", make<DriverTC7509>()}, {"ES8388", make<DriverES8388>()},
+        {"IT6801", make<DriverTC7509>()},
     };
     return table;
 }

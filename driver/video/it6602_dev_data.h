@@ -33,4 +33,17 @@ struct it6602_dev_data {
     uint16_t m_AudioCountingTimer = 0;
     uint8_t m_AudioCode = 0;  // sample-rate code read from the chip
     uint8_t m_ucSCDTOffCount = 0;
+
+    // IT6602 path, kept here so that a person watching the input can see them.
+    uint8_t m_ucStatus = 0;  // bit 7: the output wants configuring again
+    uint8_t m_bVideoOutputOn = 0;
+    uint8_t m_HPD[2] = {0, 0};       // hot-plug level driven per port
+    uint8_t m_EQActive[2] = {0, 0};  // per-port equaliser run
+    uint8_t m_EQStep[2] = {0, 0};
+    uint8_t m_EQTry[2] = {0, 0};   // index of the EQ value under trial
+    uint8_t m_EQBest[2] = {0, 0};  // index chosen by the last run
+    uint16_t m_EQErr[2][3] = {{0, 0, 0}, {0, 0, 0}};
+    uint16_t m_EQPolled[2] = {0, 0};  // highest count seen for the value under trial
+    uint8_t m_AudioBytes[3] = {0, 0, 0};
+    uint16_t hsync = 0, hback = 0, vsync = 0, vback = 0;
 };

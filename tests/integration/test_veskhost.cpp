@@ -47,6 +47,46 @@ TEST(SignalMonitor, DefaultScenarioShowsSourceComingChangingAndGoing)
         EXPECT_TRUE(i % 3 == 0 || info["framerate"].toInt() == steps[i][4]) << i;
         EXPECT_FALSE(info["interlace"].toBool());
     }
+
+    // The input behind its own state machine: locked, unmoved by a brief sync
+    // drop, a new audio rate, a new format, pulled out; its audio side
+    // follows the rate.
+    QList<QJsonObject> hdmi3;
+    QStringList stages;
+    for (const QJsonObject& o : lines) {
+        if (o["interface"] != "hdmi3" || o["side"] != "video") continue;
+        if (o.contains("info")) hdmi3 << o["info"].toObject();
+        const QString stage = o["driver"].toObject()["video"].toString();
+        if (!stage.isEmpty() && (stages.isEmpty() || stages.last() != stage)) stages << stage;
+    }
+    const int hdmi3Steps[][5] = {{0, 0, 0, 0, 0},
+                                 {1, 1920, 1080, 60, 48000},
+                                 {1, 1920, 1080, 60, 44100},
+                                 {1, 1280, 720, 50, 44100},
+                                 {0, 1280, 720, 50, 0}};
+    ASSERT_EQ(hdmi3.size(), 5) << err.toStdString();
+    for (int i = 0; i < 5; ++i) {
+        const int* e = hdmi3Steps[i];
+        EXPECT_EQ(hdmi3[i]["avalible"].toBool(), e[0] != 0) << i;
+        EXPECT_TRUE(
+            !i || (hdmi3[i]["width"].toInt() == e[1] && hdmi3[i]["height"].toInt() == e[2] &&
+                   hdmi3[i]["framerate"].toInt() == e[3] && hdmi3[i]["samplerate"].toInt() == e[4]))
+            << i;
+    }
+    EXPECT_TRUE(stages.contains("VSTATE_VideoOn") && stages.last() == "VSTATE_SWReset")
+        << stages.join(' ').toStdString();
+
+    // The MS7200 behind the same chip word: 1080p60, then 720p50 with a new
+    // audio rate, then nothing.
+    QList<QJsonObject> hdmi4;
+    for (const QJsonObject& o : lines)
+        if (o["interface"] == "hdmi4" && o["side"] == "audio" && o.contains("info"))
+            hdmi4 << o["info"].toObject();
+    ASSERT_EQ(hdmi4.size(), 4) << err.toStdString();
+    EXPECT_EQ(hdmi4[1]["width"].toInt() * hdmi4[1]["avalible"].toBool(), 1920);
+    EXPECT_EQ(hdmi4[2]["width"].toInt() * hdmi4[2]["avalible"].toBool(), 1280);
+    EXPECT_EQ(hdmi4[2]["samplerate"].toInt(), 44100);
+    EXPECT_FALSE(hdmi4[3]["avalible"].toBool());
 }
 
 // The main job: the line input's tone goes through the board output into a

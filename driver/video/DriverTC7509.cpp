@@ -1,0 +1,217 @@
+#include "driver/video/DriverTC7509.h"
+
+#include <QDebug>
+#include <QFile>
+#include <QThread>
+#include <atomic>
+#include <cmath>
+
+#include "driver/video/IT6602.h"
+#include "driver/video/TC7509.h"
+#include "driver/video/ms7200/ms7200_app.h"
+#include "frame/VeskSys.h"
+
+// 1080p60 preferred, 720p60, the common CEA formats, two-channel PCM from
+// 32 to 192 kHz.
+const unsigned char DriverTC7509::Default_Edid_Block[256] = {
+    0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x5A, 0x6B, 0x09, 0x75, 0x01, 0x00, 0x00, 0x00,
+    0x01, 0x22, 0x01, 0x03, 0x80, 0x50, 0x2D, 0x78, 0x0A, 0x0D, 0xC9, 0xA0, 0x57, 0x47, 0x98, 0x27,
+    0x12, 0x48, 0x4C, 0x21, 0x08, 0x00, 0x81, 0xC0, 0x81, 0x80, 0x95, 0x00, 0xB3, 0x00, 0xD1, 0xC0,
+    0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x02, 0x3A, 0x80, 0x18, 0x71, 0x38, 0x2D, 0x40, 0x58, 0x2C,
+    0x45, 0x00, 0xC4, 0x8E, 0x21, 0x00, 0x00, 0x1E, 0x01, 0x1D, 0x00, 0x72, 0x51, 0xD0, 0x1E, 0x20,
+    0x6E, 0x28, 0x55, 0x00, 0xC4, 0x8E, 0x21, 0x00, 0x00, 0x1E, 0x00, 0x00, 0x00, 0xFD, 0x00, 0x17,
+    0x3D, 0x0F, 0x44, 0x0F, 0x00, 0x0A, 0x20, 0x20, 0x20, 0x20, 0x20, 0x20, 0x00, 0x00, 0x00, 0xFC,
+    0x00, 0x56, 0x45, 0x53, 0x4B, 0x20, 0x48, 0x44, 0x4D, 0x49, 0x20, 0x49, 0x4E, 0x0A, 0x01, 0xF4,
+    0x02, 0x03, 0x21, 0x70, 0x4E, 0x90, 0x1F, 0x04, 0x13, 0x05, 0x14, 0x02, 0x11, 0x22, 0x21, 0x20,
+    0x5F, 0x5E, 0x5D, 0x23, 0x09, 0x7F, 0x07, 0x83, 0x01, 0x00, 0x00, 0x65, 0x03, 0x0C, 0x00, 0x10,
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xF3,
+};
+
+DriverTC7509::DriverTC7509(QObject* parent) : DriverBase(parent)
+{
+    info["avalible"] = false;
+}
+
+DriverTC7509::~DriverTC7509()
+{
+    delete worker;
+}
+
+void DriverTC7509::init()
+{
+    if (worker) return;
+    worker = new TC7509(this);
+    it6602_dev_data& dev = worker->dev;
+    IT6602Class& it = worker->it6602;
+    dev.gpio_i2c = data.value("gpio_i2c", false).toBool() ? 1 : 0;
+    if (data.contains("chip_addr")) dev.chip_addr = data.value("chip_addr").toInt();
+    // The unnumbered bit-banged bus unless a number is given.
+    dev.i2c_num = data.value("i2c_num", dev.gpio_i2c ? -1 : 0).toInt();
+    if (data.contains("chip_swapYC")) it.swapYC = data.value("chip_swapYC").toBool();
+    it.mode = data.value("mode").toString();
+    if (data.contains("colorMode")) {
+        it.colorMode = data.value("colorMode").toInt();
+    } else {
+        QFile f(vsys::path("/vesk/config/edid/colorMode"));
+        if (f.open(QIODevice::ReadOnly)) {
+            bool ok = false;
+            const int v = QString::fromLatin1(f.readAll()).trimmed().toInt(&ok);
+            if (ok)
+                it.colorMode = v;
+            else
+                qDebug() << "TC7509: /vesk/config/edid/colorMode holds no number; colour mode 0";
+        }
+    }
+    it.edid = QByteArray(reinterpret_cast<const char*>(Default_Edid_Block), 256);
+    QFile f(vsys::path("/vesk/config/edid/edid.bin"));
+    if (f.open(QIODevice::ReadOnly)) {
+        const QByteArray bytes = f.read(256);
+        if (bytes.size() == 256)
+            it.edid = bytes;
+        else
+            qDebug(
+                "TC7509: /vesk/config/edid/edid.bin holds %d bytes, not 256; the built-in EDID "
+                "is used",
+                int(bytes.size()));
+    }
+    worker->start(QThread::Priority(7));
+}
+
+int DriverTC7509::GetVideoState()
+{
+    return worker ? worker->dev.m_VState : VSTATE_Off;
+}
+
+int DriverTC7509::rateFromCode(int code)
+{
+    switch (code) {
+        case 0:
+            return 44100;
+        case 2:
+            return 48000;
+        case 3:
+            return 32000;
+        case 6:
+            return 24000;
+        case 8:
+            return 88200;
+        case 10:
+            return 96000;
+        case 12:
+            return 176000;
+        case 14:
+            return 192000;
+        default:
+            return 0;
+    }
+}
+
+int DriverTC7509::GetAudioSamplingRate()
+{
+    if (!worker) return 0;
+    const it6602_dev_data& dev = worker->dev;
+    return dev.ms7200 ? dev.audio_samplerate : rateFromCode(dev.m_AudioCode);
+}
+
+int DriverTC7509::snapRate(int rate)
+{
+    if (rate >= 100 && rate <= 130) return 120;
+    if (rate > 28) rate = (rate + 5) / 10 * 10;
+    if (rate > 60 && rate <= 70) rate = 60;
+    return rate;
+}
+
+void DriverTC7509::onCheck()
+{
+    // The audio side's poll runs on this thread; the video side does the work.
+    if (QThread::currentThread()->objectName() == QLatin1String("shareA")) return;
+    QMutexLocker guard(&lock);
+    if (!worker) return;
+    const it6602_dev_data& dev = worker->dev;
+    const bool ms = dev.ms7200;
+    const bool avalible = ms ? dev.lock == 1 : (dev.m_VState == VSTATE_VideoOn && dev.width > 200);
+    work["avalible"] = avalible;
+    if (dev.hold == 1) return;
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+
+    int rate = 0;
+    if (ms) {
+        rate = dev.pclk;
+    } else {
+        double r = double(dev.pclk) * 1000.0;
+        if (dev.htotal && dev.vtotal) r = r / dev.htotal / dev.vtotal;
+        rate = snapRate(int(std::lround(r)));
+    }
+    const bool interlace = dev.flags & 1;
+    const int width = dev.width;
+    const int height = interlace ? dev.height * 2 : dev.height;
+    work["width"] = width;
+    work["height"] = height;
+    work["framerate"] = rate;
+    work["interlace"] = interlace;
+    work["full"] = dev.range == 1;
+
+    if (data.value("check", true).toBool() &&
+        !(rate >= 20 && rate <= 140 && widths.contains(dev.width) && heights.contains(height)))
+        return;
+
+    samplerate = avalible ? GetAudioSamplingRate() : 0;
+    work["samplerate"] = samplerate;
+    work["protocol"] = "HDMI";
+    info = work;
+    info.setSharable(false);
+}
+
+QVariant DriverTC7509::callFunc(QString func, QVariant arg)
+{
+    if (func != QLatin1String("CEC")) return DriverBase::callFunc(func, arg);
+    if (!worker) return true;
+    IT6602Class& it = worker->it6602;
+    // User Control Pressed then Released, to the playback device.
+    it.CECSend(4, 0x44, 9);
+    it.CECTransmit();
+    it.CECSend(4, 0x45, 9);
+    it.CECTransmit();
+    it.IT6602_CECInit();
+    return true;
+}
+
+QMap<QString, QVariant> DriverTC7509::diagnostics()
+{
+    QMap<QString, QVariant> d;
+    if (!worker) return d;
+    const it6602_dev_data& dev = worker->dev;
+    switch (worker->path.load()) {
+        case TC7509::Starting:
+            d["path"] = "starting";
+            return d;
+        case TC7509::Ended:
+            d["path"] = "no chip answers";
+            return d;
+        case TC7509::PathMS7200:
+            d["path"] = "MS7200";
+            if (CMs7200App* app = worker->ms7200.load()) {
+                d["stable"] = app->stableCount();
+                QVariantList gains;
+                for (int g : app->eqGains()) gains << g;
+                d["eqGains"] = gains;
+            }
+            d["lock"] = int(dev.lock);
+            return d;
+        default:
+            break;
+    }
+    d["path"] = "IT6602";
+    d["video"] = videoStateName(dev.m_VState);
+    d["audio"] = audioStateName(dev.m_AState);
+    d["scdt"] = int(dev.m_ucSCDTOffCount);
+    d["hpd"] = dev.m_HPD[0] != 0;
+    d["eq"] = dev.m_EQActive[0] ? QVariant(QString("step %1").arg(dev.m_EQStep[0]))
+                                : QVariant(int(dev.m_EQBest[0]));
+    return d;
+}
