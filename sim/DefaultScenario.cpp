@@ -30,7 +30,7 @@ QVariantMap defaultScenario()
         },
         "interfaceA": {
           "hdmi1": { "chip": "7611" },
-          "hdmi3": { "chip": "TC7509" },
+          "hdmi3": { "chip": "TC7509", "did": 2, "cid": 0 },
           "hdmi4": { "chip": "TC7509" },
           "line": { "chip": "tlv32", "did": 0, "cid": 0, "mode": "i2ss" }
         }
@@ -50,6 +50,7 @@ QVariantMap defaultScenario()
         { "at": 0,  "hdmi": "plug" },
         { "at": 1.5, "chip": "hdmi3",
                     "source": { "width": 1920, "height": 1080, "framerate": 60, "samplerate": 48000 } },
+        { "at": 1.5, "ai": 2, "tone": [1000], "samplerate": 48000 },
         { "at": 2,  "chip": "hdmi1", "source": { "width": 1920, "height": 1080, "framerate": 60 } },
         { "at": 2.5, "chip": "hdmi4",
                     "source": { "width": 1920, "height": 1080, "framerate": 60, "samplerate": 48000 } },
@@ -68,6 +69,7 @@ QVariantMap defaultScenario()
                     "source": { "width": 1280, "height": 720, "framerate": 50, "samplerate": 44100 } },
         { "at": 7,  "chip": "hdmi3",
                     "source": { "width": 1920, "height": 1080, "framerate": 60, "samplerate": 44100 } },
+        { "at": 7,  "ai": 2, "samplerate": 44100 },
         { "at": 8,  "chip": "hdmi1", "source": { "width": 1280, "height": 720, "framerate": 50 } },
         { "at": 9,  "chip": "hdmi3",
                     "source": { "width": 1280, "height": 720, "framerate": 50, "samplerate": 44100 } },

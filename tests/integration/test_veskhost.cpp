@@ -141,6 +141,40 @@ TEST(Demo, DisplayGraphRunsAndItsLineInputIsPlayedWithoutAGap)
     EXPECT_GT(zeros, rate / 2) << "the input's silent second is filled with silence";
 }
 
+// Embedded HDMI audio follows its receiver: announced at 48 kHz, announced
+// again at 44.1 kHz after the source changes rate at 7 s, and played.
+TEST(Demo, HdmiAudioFollowsTheReceiversSampleRate)
+{
+    QTemporaryDir dir;
+    const QString wav = dir.filePath("hdmi.wav");
+    QString err;
+    QList<QJsonObject> lines;
+    ASSERT_EQ(veskhost({"run", VESK_SOURCE_DIR "/examples/graphs/hdmi-audio.json", "--sim",
+                        "--json", "--seconds", "9.5", "--wav", "0=" + wav},
+                       &err, &lines),
+              0)
+        << err.toStdString();
+    QList<QPair<double, int>> rates;
+    for (const QJsonObject& o : lines)
+        if (o["node"] == "hdmi3audio" && o["event"] == "infoA")
+            rates << qMakePair(o["t"].toDouble(),
+                               o["value"].toObject()["params"].toObject()["samplerate"].toInt());
+    ASSERT_EQ(rates.size(), 2) << err.toStdString();
+    EXPECT_EQ(rates[0].second, 48000);
+    EXPECT_EQ(rates[1].second, 44100);
+    // One poll of the video side to see it, one of the audio side to follow.
+    EXPECT_NEAR(rates[1].first, 7 + 1.25, 1.25);
+    QFile f(wav);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    const QByteArray bytes = f.readAll().mid(44);
+    const auto* s = reinterpret_cast<const int16_t*>(bytes.constData());
+    const int rate = 48000, from = 4 * rate;
+    ASSERT_GT(bytes.size() / 4, from + rate);
+    int crossings = 0;
+    for (int i = from + 1; i < from + rate; ++i) crossings += (s[2 * i] < 0) != (s[2 * i - 2] < 0);
+    EXPECT_NEAR(crossings / 2, 1000, 3) << "the receiver's tone, while at its first rate";
+}
+
 struct BadInput {
     const char* name;
     const char* text;   // written to in.json; null: no file at all
