@@ -28,7 +28,7 @@
 #include "driver/mcu/McuLine.h"
 #include "frame/Vesk.h"
 #include "host/VeskGraph.h"
-#include "host/inspect.h"
+#include "host/classinfo.h"
 #include "host/probe.h"
 #include "sim/AudioOut.h"
 #include "sim/Emu6604.h"

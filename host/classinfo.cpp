@@ -1,4 +1,4 @@
-#include "host/inspect.h"
+#include "host/classinfo.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
