@@ -315,17 +315,20 @@ bool CMs7200drvHdmiRx::ms7200drv_hdmi_rx_pll_locked()
     return ms7200_HAL_ReadByte(kPhyPllStatus) & 0x01;
 }
 
+void CMs7200drvHdmiRx::_drv_hdmi_rx_pi_phy_setup(uint16_t clk)
+{
+    ms7200_HAL_SetBits(kPhyPower, 0x01);
+    ms7200_HAL_WriteByte(kPhyRange, clk > 20000 ? 1 : 0);
+    _drv_hdmi_rx_pi_rxpll_config(clk);
+    _drv_hdmi_rx_pi_mixer_config(clk);
+    ms7200_HAL_WriteByte(kPhyRelease, 0x01);
+    vsys::usleep(1000);
+    ms7200_HAL_WriteByte(kPhyPllStatus, 0x01);
+}
+
 uint8_t CMs7200drvHdmiRx::ms7200drv_hdmi_rx_pi_phy_config(uint16_t clk, uint8_t code)
 {
-    if (code != 254) {
-        ms7200_HAL_SetBits(kPhyPower, 0x01);
-        ms7200_HAL_WriteByte(kPhyRange, clk > 20000 ? 1 : 0);
-        _drv_hdmi_rx_pi_rxpll_config(clk);
-        _drv_hdmi_rx_pi_mixer_config(clk);
-        ms7200_HAL_WriteByte(kPhyRelease, 0x01);
-        vsys::usleep(1000);
-        ms7200_HAL_WriteByte(kPhyPllStatus, 0x01);
-    }
+    if (code != 254) _drv_hdmi_rx_pi_phy_setup(clk);
     bool eq = ms7200drv_hdmi_rx_pi_eq_config(code);
     return uint8_t((eq ? 2 : 0) | (ms7200drv_hdmi_rx_pll_locked() ? 1 : 0));
 }
@@ -475,15 +478,7 @@ bool CMs7200drvHdmiRx::ms7200drv_hdmi_rx_pi_28eq_config(uint8_t code)
 
 uint8_t CMs7200drvHdmiRx::ms7200drv_hdmi_rx_pi_phy_config_with_28eq(uint16_t clk, uint8_t code)
 {
-    if (code != 254) {
-        ms7200_HAL_SetBits(kPhyPower, 0x01);
-        ms7200_HAL_WriteByte(kPhyRange, clk > 20000 ? 1 : 0);
-        _drv_hdmi_rx_pi_rxpll_config(clk);
-        _drv_hdmi_rx_pi_mixer_config(clk);
-        ms7200_HAL_WriteByte(kPhyRelease, 0x01);
-        vsys::usleep(1000);
-        ms7200_HAL_WriteByte(kPhyPllStatus, 0x01);
-    }
+    if (code != 254) _drv_hdmi_rx_pi_phy_setup(clk);
     bool locked = ms7200drv_hdmi_rx_pi_28eq_config(code);
     return uint8_t((locked ? 2 : 0) | (ms7200drv_hdmi_rx_pll_locked() ? 1 : 0));
 }

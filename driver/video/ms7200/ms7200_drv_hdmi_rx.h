@@ -114,6 +114,9 @@ private:
     void _drv_hdmi_rx_pi_offset_config(int ch);
     void _drv_hdmi_rx_pi_rxpll_config(uint16_t clk);
     void _drv_hdmi_rx_pi_mixer_config(uint16_t clk);
+    // Receiver range, PLL and mixer for the clock, then release: the part of
+    // a PHY configuration that both equaliser searches share.
+    void _drv_hdmi_rx_pi_phy_setup(uint16_t clk);
     void _drv_hdmi_rx_audio_clk_sel(uint8_t sel);
     void setEqGain(int ch, uint8_t gain);
     void set28Eq(int ch, uint8_t index);
