@@ -299,9 +299,7 @@ TEST(ReceiverRegistry, ExampleScenarioDrivesEveryInput)
 {
     ShmKeyGuard guard;
     startBoard();
-    QFile file(QFileInfo(QStringLiteral(__FILE__))
-                   .dir()
-                   .filePath("../../examples/scenarios/receivers.json"));
+    QFile file(VESK_SOURCE_DIR "/examples/scenarios/receivers.json");
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     QVariantMap scenario = QJsonDocument::fromJson(file.readAll()).toVariant().toMap();
     QString error;
