@@ -82,6 +82,10 @@ fi
 # Extraction runs no maintainer scripts, so the alternatives that they would
 # set up are made here: FFmpeg's speech recogniser reaches BLAS and LAPACK
 # through them, and both the linker and the emulated loader look for them.
+# The emulator looks up every absolute path in the sysroot first: device
+# nodes there (/dev/ptmx without the /dev/pts that belongs to it) would shadow
+# the machine's, so the sysroot has no /dev.
+$SUDO rm -rf "$sysroot/dev"
 for lib in blas/libblas.so.3 lapack/liblapack.so.3; do
   link=$sysroot/usr/lib/$triple/$(basename "$lib")
   if [ ! -e "$link" ] && [ -e "$sysroot/usr/lib/$triple/$lib" ]; then
