@@ -44,5 +44,8 @@ set(ENV{PKG_CONFIG_PATH} "")
 set(CMAKE_PROJECT_INCLUDE "${CMAKE_CURRENT_LIST_DIR}/qt-host-tools.cmake")
 
 # Target programs (tests, test discovery) run under user-mode emulation,
-# with the sysroot as their root for the dynamic loader and libraries.
-set(CMAKE_CROSSCOMPILING_EMULATOR ${VESK_QEMU} -L "${VESK_SYSROOT}")
+# with the sysroot as their root for the dynamic loader and libraries. Qt's
+# plugins are named by their real path: qemu-aarch64 7.2 does not look in the
+# sysroot for access() (faccessat2), with which Qt checks its plugin folder.
+set(CMAKE_CROSSCOMPILING_EMULATOR ${VESK_QEMU} -L "${VESK_SYSROOT}"
+    -E "QT_PLUGIN_PATH=${VESK_SYSROOT}/usr/lib/${VESK_TRIPLE}/qt5/plugins")
