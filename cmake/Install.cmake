@@ -27,14 +27,17 @@ target_link_libraries(VeskIO INTERFACE Qt5::Core)
 # both one directory up.
 file(RELATIVE_PATH vesk_bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 set_target_properties(VeskIO ${VESK_PLATFORM_LIB} PROPERTIES INSTALL_RPATH "$ORIGIN")
-set_target_properties(veskhost PROPERTIES INSTALL_RPATH "$ORIGIN/${vesk_bin_to_lib}")
+# The board build has no veskhost: it runs on the virtual board.
+if(TARGET veskhost)
+  set_target_properties(veskhost PROPERTIES INSTALL_RPATH "$ORIGIN/${vesk_bin_to_lib}")
+  install(TARGETS veskhost RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT host)
+endif()
 
 install(TARGETS VeskIO ${VESK_PLATFORM_LIB} EXPORT VeskIOTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 # The platform library has no version of its own: it is a private part of the
 # runtime package, and its unversioned name is what the library asks for.
-install(TARGETS veskhost RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT host)
 
 # The headers a host or a plug-in author compiles against. The rest of
 # frame/ (the OS seam, the vendor platform's calls) is the library's own.
@@ -102,7 +105,10 @@ set(CPACK_PACKAGE_VENDOR "Vesk")
 set(CPACK_PACKAGE_CONTACT "Vesk firmware team <firmware@vesk.invalid>")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime dev host)
+set(CPACK_COMPONENTS_ALL runtime dev)
+if(TARGET veskhost)
+  list(APPEND CPACK_COMPONENTS_ALL host)
+endif()
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${vesk_deb_arch})

@@ -47,6 +47,12 @@ typedef enum {
     OT_PIXEL_FORMAT_YUV_SEMIPLANAR_422 = 0x1F,
 } ot_pixel_format;
 
+// A frame as the platform hands it between units and to the process. The
+// virtual addresses are the process's own mappings of the planes, so they are
+// pointer-wide: 4 bytes on the board's 32-bit userspace, 8 on a 64-bit one.
+// Every other field is fixed-width; the 64-bit words keep their natural
+// 8-byte alignment on both ABIs (hence the hole before `pts`). Sizes and
+// offsets are checked per ABI in BoardAbi.cpp.
 typedef struct {
     uint32_t width;
     uint32_t height;
@@ -59,16 +65,16 @@ typedef struct {
     uint32_t header_stride[3];
     uint32_t stride[3];
     uint64_t header_phys_addr[3];
-    uint64_t header_virt_addr[3];
     uint64_t phys_addr[3];
-    uint64_t virt_addr[3];
+    uintptr_t header_virt_addr[3];
+    uintptr_t virt_addr[3];
     int16_t offset_top;
     int16_t offset_bottom;
     int16_t offset_left;
     int16_t offset_right;
     uint32_t time_ref;
     uint64_t pts;
-    uint64_t user_data[1];
+    uint64_t user_data[2];  // the producer's own words, passed through untouched
     uint32_t frame_flag;
     uint32_t reserved;
 } ot_video_frame;

@@ -169,16 +169,25 @@ bool findStampedTime(const uint8_t* p, int size, int videoType, int64_t* us)
 int64_t toMicros(int64_t ts, int den)
 {
     if (den <= 0) return 0;
-    const __int128 v = static_cast<__int128>(ts) * 1000000 / den;
+    // ts * 1000000 / den without a 128-bit type (the board is 32-bit): the
+    // whole units and the remainder apart. Quotient and remainder carry the
+    // same sign, so the sum truncates as the single division would.
+    const int64_t whole = ts / den, rest = ts % den;
+    constexpr int64_t kMaxWhole = kMaxMicros / 1000000 + 1;
+    if (whole >= kMaxWhole) return kMaxMicros;
+    if (whole <= -kMaxWhole) return -kMaxMicros;
+    const int64_t v = whole * 1000000 + rest * 1000000 / den;
     if (v > kMaxMicros) return kMaxMicros;
     if (v < -kMaxMicros) return -kMaxMicros;
-    return static_cast<int64_t>(v);
+    return v;
 }
 
 int bytesPerSecond(int64_t bytes, int64_t elapsedMs)
 {
     if (elapsedMs <= 0 || elapsedMs > 10000 || bytes <= 0) return 0;
-    const __int128 v = static_cast<__int128>(bytes) * 1000 / elapsedMs;
+    // Past this the rate is far above INT_MAX whatever the time.
+    if (bytes > INT64_MAX / 1000) return INT_MAX;
+    const int64_t v = bytes * 1000 / elapsedMs;
     return v > INT_MAX ? INT_MAX : static_cast<int>(v);
 }
 

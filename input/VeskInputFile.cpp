@@ -271,7 +271,9 @@ QVariant VeskInputFile::seek(QVariant milliseconds)
     }
     const qint64 ms = qBound(-kMaxSeekMs, milliseconds.toLongLong(), kMaxSeekMs);
     const int den = context->streams[videoIndex]->time_base.den;
-    const int64_t target = static_cast<int64_t>(static_cast<__int128>(ms) * den / 1000);
+    // ms * den / 1000, split so that no product leaves 64 bits (the board has
+    // no 128-bit type); both parts carry the sign of ms, so it truncates alike.
+    const int64_t target = (ms / 1000) * den + (ms % 1000) * den / 1000;
     deadline.arm(kCallLimitMs);
     const int r = av_seek_frame(context, videoIndex, target, AVSEEK_FLAG_FRAME);
     deadline.disarm();

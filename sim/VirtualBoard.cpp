@@ -10,6 +10,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -418,13 +419,21 @@ uint8_t* Board::mem(uint64_t phys)
 {
     int fd = memFd();
     std::lock_guard<std::mutex> g(lock);
-    if (!memBase && fd >= 0) {
-        void* p =
-            ::mmap(nullptr, kMemSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, fd, 0);
-        if (p != MAP_FAILED) memBase = static_cast<uint8_t*>(p);
+    if (fd < 0 || phys >= kMemSize) return nullptr;
+    // Each window reaches one page into the next, so an access of up to a
+    // page that starts in it stays inside one mapping.
+    constexpr uint64_t kWindow = 1ull << 20;
+    const uint64_t key = phys / kWindow;
+    uint8_t* base = memWindows.value(key);
+    if (!base) {
+        const uint64_t start = key * kWindow;
+        const size_t len = size_t(std::min<uint64_t>(kWindow + 4096, kMemSize - start));
+        void* p = ::mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, off_t(start));
+        if (p == MAP_FAILED) return nullptr;
+        base = static_cast<uint8_t*>(p);
+        memWindows.insert(key, base);
     }
-    if (!memBase || phys >= kMemSize) return nullptr;
-    return memBase + phys;
+    return base + (phys - key * kWindow);
 }
 
 uint32_t Board::mem32(uint64_t phys)

@@ -170,7 +170,8 @@ public:
     // The bit-banged buses: index -1 is /dev/gpio_i2c, N is /dev/gpio_i2cN.
     void attachGpioI2c(int index, uint8_t dev, std::shared_ptr<GpioI2cDevice> device);
 
-    // Physical memory behind /dev/mem, as seen by emulators and tests.
+    // Physical memory behind /dev/mem, as seen by emulators and tests. The
+    // pointer is good for at least 4 KiB from `phys`.
     uint8_t* mem(uint64_t phys);
     uint32_t mem32(uint64_t phys);
     void setMem32(uint64_t phys, uint32_t value);
@@ -226,7 +227,9 @@ private:
     QStringList shell;
     QMap<QString, std::shared_ptr<ChipEmulator>> chips;
     int memfd = -1;
-    uint8_t* memBase = nullptr;
+    // Windows of the memory file mapped so far, by physical address >> 20:
+    // a 32-bit process cannot map all 4 GiB at once.
+    QMap<uint64_t, uint8_t*> memWindows;
 
     std::thread player;
     std::mutex playerLock;

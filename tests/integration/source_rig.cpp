@@ -11,6 +11,7 @@
 
 #include "frame/VeskHi.h"
 #include "host/VeskHost.h"
+#include "tests/support/BuiltProgram.h"
 
 namespace srcrig {
 
@@ -108,7 +109,8 @@ bool waitListening(int port, int ms)
 QJsonObject veskhostProbe(const QString& program, const QString& url, int seconds, int* code)
 {
     QProcess p;
-    p.start(program, {"probe", url, "--seconds", QString::number(seconds), "--json"});
+    vesktest::startBuilt(p, program,
+                         {"probe", url, "--seconds", QString::number(seconds), "--json"});
     if (!p.waitForFinished(60000)) p.kill();
     *code = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
     return QJsonDocument::fromJson(p.readAllStandardOutput().trimmed().split('\n').last()).object();

@@ -7,6 +7,7 @@
 #include <QTemporaryDir>
 
 #include "netfile_rig.h"
+#include "tests/support/BuiltProgram.h"
 
 namespace {
 
@@ -142,7 +143,7 @@ TEST(FileGraph, TheExampleGraphPlaysAFileThroughVeskhost)
     copy.write(example.readAll().replace("/tmp/vesk-demo.mp4", rig::media("av2.mkv").toUtf8()));
     copy.flush();
     QProcess p;
-    p.start(VESKHOST, {"run", copy.fileName(), "--json", "--seconds", "3"});
+    vesktest::startBuilt(p, VESKHOST, {"run", copy.fileName(), "--json", "--seconds", "3"});
     ASSERT_TRUE(p.waitForFinished(30000));
     EXPECT_EQ(p.exitCode(), 0);
     const QByteArray out = p.readAllStandardOutput();

@@ -11,13 +11,15 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
+#include "tests/support/BuiltProgram.h"
+
 namespace {
 
 // Exit status, stderr, and stdout as JSON objects, one a line.
 int veskhost(const QStringList& args, QString* err, QList<QJsonObject>* lines)
 {
     QProcess p;
-    p.start(VESKHOST, args);
+    vesktest::startBuilt(p, VESKHOST, args);
     if (!p.waitForFinished(60000)) p.kill();
     *err = p.readAllStandardError();
     for (const QByteArray& line : p.readAllStandardOutput().split('\n'))
