@@ -488,6 +488,9 @@ int watchSignals(const Options& o, QCoreApplication& app)
                 if (first || printed.value(key) != info) report(t, name, side, "info", info);
                 printed.insert(key, info);
             }
+            // An audio side that shares its video side's driver has nothing
+            // of its own to show there.
+            if (!video && Driver::driverMapA.value(name) == Driver::driverMapV.value(name)) return;
             const QVariantMap inside =
                 video ? Driver::getDiagnosticsV(name) : Driver::getDiagnosticsA(name);
             const QString insideKey = QStringLiteral("driver:") + key;
