@@ -84,6 +84,12 @@ TEST(SignalMonitor, DefaultScenarioShowsSourceComingChangingAndGoing)
     for (const QJsonObject& o : lines)
         if (o["interface"] == "hdmi4" && o["side"] == "audio" && o.contains("info"))
             hdmi4 << o["info"].toObject();
+    // A new format makes the MS7200 rebuild its video path, three 100 ms
+    // passes without lock, which a once-a-second poll may or may not land in.
+    for (int i = hdmi4.size() - 2; i > 0; --i)
+        if (!hdmi4[i]["avalible"].toBool() && hdmi4[i - 1]["avalible"].toBool() &&
+            hdmi4[i + 1]["avalible"].toBool())
+            hdmi4.removeAt(i);
     ASSERT_EQ(hdmi4.size(), 4) << err.toStdString();
     EXPECT_EQ(hdmi4[1]["width"].toInt() * hdmi4[1]["avalible"].toBool(), 1920);
     EXPECT_EQ(hdmi4[2]["width"].toInt() * hdmi4[2]["avalible"].toBool(), 1280);
