@@ -160,7 +160,7 @@ TEST(Demo, HdmiAudioFollowsTheReceiversSampleRate)
     QString err;
     QList<QJsonObject> lines;
     ASSERT_EQ(veskhost({"run", VESK_SOURCE_DIR "/examples/graphs/hdmi-audio.json", "--sim",
-                        "--json", "--seconds", "9.5", "--wav", "0=" + wav},
+                        "--json", "--seconds", "10.5", "--wav", "0=" + wav},
                        &err, &lines),
               0)
         << err.toStdString();
@@ -172,8 +172,9 @@ TEST(Demo, HdmiAudioFollowsTheReceiversSampleRate)
     ASSERT_EQ(rates.size(), 2) << err.toStdString();
     EXPECT_EQ(rates[0].second, 48000);
     EXPECT_EQ(rates[1].second, 44100);
-    // One poll of the video side to see it, one of the audio side to follow.
-    EXPECT_NEAR(rates[1].first, 7 + 1.25, 1.25);
+    // The chip's audio handler to notice, one poll of the video side to see
+    // it, one of the audio side to follow.
+    EXPECT_NEAR(rates[1].first, 7 + 1.5, 1.5);
     QFile f(wav);
     ASSERT_TRUE(f.open(QIODevice::ReadOnly));
     const QByteArray bytes = f.readAll().mid(44);
