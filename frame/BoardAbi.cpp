@@ -12,6 +12,7 @@
 
 #include <cstddef>
 
+#include "driver/audio/Es8388Ioctl.h"
 #include "frame/hi_fb.h"
 #include "frame/hi_mipi.h"
 #include "frame/hi_types.h"
@@ -90,5 +91,12 @@ static_assert(FBIOPUT_SHOW_LAYER == abi(0x40044665, 0x40044665), "FBIOPUT_SHOW_L
 static_assert(FBIOPUT_ALPHA_LAYER == abi(0x400C465D, 0x400C465D), "FBIOPUT_ALPHA_LAYER");
 static_assert(FBIOGET_LAYER_INFO == abi(0x80304679, 0x80304679), "FBIOGET_LAYER_INFO");
 static_assert(FBIOPUT_LAYER_INFO == abi(0x40304678, 0x40304678), "FBIOPUT_LAYER_INFO");
+
+// ---- the ES8388 codec's driver -------------------------------------------------
+// Its requests carry one 32-bit word, so they read the same on both ABIs; the
+// TLV320AIC31 and bit-banged I2C drivers registered plain small numbers.
+static_assert(kEs8388Reset == abi(0x40044523, 0x40044523), "es8388 reset");
+static_assert(es8388Request(0x0B) == abi(0x4004450B, 0x4004450B), "es8388 left input");
+static_assert(es8388Request(0x22) == abi(0x40044522, 0x40044522), "es8388 right out2 enable");
 
 }  // namespace
