@@ -67,21 +67,28 @@ void DriverBase::onSetData(QMap<QString, QVariant>) {}
 
 // ---------------------------------------------------------------- I2C bus device
 
-int DriverBase::write(unsigned int bus, unsigned int dev, unsigned int reg, unsigned int value,
-                      unsigned int regBytes, unsigned int valueBytes)
+int DriverBase::openBus(unsigned int bus, unsigned int dev)
 {
     char path[32];
     snprintf(path, sizeof path, "/dev/i2c-%u", bus);
     int f = vsys::open(path, O_RDWR);
     if (f < 0) {
         printf("Open %s error!\n", path);
-        return 0;
+        return -1;
     }
     if (vsys::ioctl(f, I2C_SLAVE_FORCE, (unsigned long)(dev >> 1)) < 0) {
         printf("CMD_SET_DEV error! %d %x\n", bus, dev >> 1);
         vsys::close(f);
-        return 0;
+        return -1;
     }
+    return f;
+}
+
+int DriverBase::write(unsigned int bus, unsigned int dev, unsigned int reg, unsigned int value,
+                      unsigned int regBytes, unsigned int valueBytes)
+{
+    int f = openBus(bus, dev);
+    if (f < 0) return 0;
     unsigned char buf[4];
     unsigned int n = 0;
     if (regBytes == 2) {
@@ -116,18 +123,8 @@ int DriverBase::read(unsigned int bus, unsigned int dev, unsigned int reg, unsig
     static struct i2c_msg msgs[2];
     static struct i2c_rdwr_ioctl_data transfer;
 
-    char path[32];
-    snprintf(path, sizeof path, "/dev/i2c-%u", bus);
-    int f = vsys::open(path, O_RDWR);
-    if (f < 0) {
-        printf("Open %s error!\n", path);
-        return -1;
-    }
-    if (vsys::ioctl(f, I2C_SLAVE_FORCE, (unsigned long)(dev >> 1)) < 0) {
-        printf("CMD_SET_DEV error! %d %x\n", bus, dev >> 1);
-        vsys::close(f);
-        return -1;
-    }
+    int f = openBus(bus, dev);
+    if (f < 0) return -1;
     // The buffer holds four bytes: wider requests are cut to it.
     uint16_t wlen = uint16_t(regBytes > sizeof buf ? sizeof buf : regBytes);
     uint16_t rlen = uint16_t(valueBytes > sizeof buf ? sizeof buf : valueBytes);

@@ -34,6 +34,9 @@ public:
     int read0_8(unsigned int dev, unsigned int reg);
     int read1_8(unsigned int dev, unsigned int reg);
     int read2_8(unsigned int dev, unsigned int reg);
+    // /dev/i2c-N opened and aimed at `dev` (eight-bit form), or -1 once the
+    // failure is logged. Also the way in for bus code outside the drivers.
+    static int openBus(unsigned int bus, unsigned int dev);
 
     // Bit-banged I2C through /dev/gpio_i2c[index]; index -1 is the unnumbered bus.
     bool swrite(unsigned int dev, unsigned int reg, unsigned int value, int index, bool wide);

@@ -118,19 +118,9 @@ extern "C" uint8_t mculib_i2c_read_16bidx8bval(uint8_t u8_address, uint16_t u16_
 {
     // Bus reads of the whole process take turns, whoever makes them.
     QMutexLocker locker(&DriverBase::mutex);
-    char path[32];
-    snprintf(path, sizeof path, "/dev/i2c-%u", kBus);
-    int f = vsys::open(path, O_RDWR);
-    if (f < 0) {
-        printf("Open %s error!\n", path);
-        return 0;
-    }
+    int f = DriverBase::openBus(kBus, u8_address);
+    if (f < 0) return 0;
     const uint16_t addr7 = uint16_t(u8_address >> 1);
-    if (vsys::ioctl(f, I2C_SLAVE_FORCE, (unsigned long)addr7) < 0) {
-        printf("CMD_SET_DEV error! %d %x\n", kBus, addr7);
-        vsys::close(f);
-        return 0;
-    }
     uint8_t reg[2] = {uint8_t(u16_index >> 8), uint8_t(u16_index & 0xFF)};
     uint8_t value = 0;
     struct i2c_msg msgs[2];
