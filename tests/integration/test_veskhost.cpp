@@ -34,6 +34,11 @@ TEST(SignalMonitor, DefaultScenarioShowsSourceComingChangingAndGoing)
     // The last step, "hdmi3" pulled out at 13 s, needs the chip's own time to
     // notice plus up to a poll period to show, wherever the polls fall.
     ASSERT_EQ(veskhost({"signals", "--sim", "--json", "--seconds", "15"}, &err, &lines), 0);
+    // What the monitor printed, for a failure to be read without a rerun.
+    QString printed;
+    for (const QJsonObject& o : lines)
+        if (o.contains("info")) printed += QJsonDocument(o).toJson(QJsonDocument::Compact) + '\n';
+    SCOPED_TRACE(printed.toStdString());
     for (const QJsonObject& o : lines)
         if (o["interface"] == "hdmi1" && o["side"] == "video") seen << o;
     ASSERT_EQ(seen.size(), 4) << err.toStdString();

@@ -7,7 +7,6 @@
 
 #include <QCoreApplication>
 #include <QFile>
-#include <QMutex>
 #include <memory>
 
 #include "host/VeskGraph.h"
@@ -15,36 +14,11 @@
 #include "sim/MediaPlatform.h"
 #include "sim/VirtualBoard.h"
 #include "tests/host/HostTestUtil.h"
+#include "tests/support/LogCapture.h"
 
 namespace capture {
 
-// Every message of the process, kept while still printed as before.
-struct Log {
-    static void install()
-    {
-        static const QtMessageHandler once = previous = qInstallMessageHandler(
-            [](QtMsgType type, const QMessageLogContext& ctx, const QString& text) {
-                mutex.lock();
-                lines << text;
-                mutex.unlock();
-                if (previous) previous(type, ctx, text);
-            });
-        Q_UNUSED(once);
-    }
-    static void clear()
-    {
-        QMutexLocker l(&mutex);
-        lines.clear();
-    }
-    static bool has(const QString& part)
-    {
-        QMutexLocker l(&mutex);
-        return !lines.filter(part).isEmpty();
-    }
-    static inline QMutex mutex;
-    static inline QStringList lines;
-    static inline QtMessageHandler previous = nullptr;
-};
+using Log = vesktest::LogCapture;
 
 // Runs `f` in the thread that owns `node` and hands back its result.
 template <typename F>

@@ -2,27 +2,21 @@
 // a held board clock and read through the registry as a capture node would.
 #include <gtest/gtest.h>
 
-#include <QMutex>
-#include <QStringList>
-
 #include "driver/Driver.h"
 #include "driver/video/DriverLT8619.h"
 #include "driver/video/LT8619.h"
 #include "sim/BoardClock.h"
 #include "sim/EmuLT8619.h"
 #include "sim/VirtualBoard.h"
+#include "tests/support/LogCapture.h"
 
 using vsim::Board;
 
 namespace {
 
-QMutex logLock;
-QStringList logLines;
-
 int logged(const QString& part)
 {
-    QMutexLocker l(&logLock);
-    return logLines.filter(part).size();
+    return vesktest::LogCapture::count(part);
 }
 
 QVariantMap published(int w, int h, int fps, bool interlace, bool full)
@@ -35,15 +29,8 @@ class Lt8619 : public ::testing::Test {
 protected:
     Lt8619()
     {
-        static const QtMessageHandler previous = qInstallMessageHandler(
-            [](QtMsgType type, const QMessageLogContext& ctx, const QString& text) {
-                logLock.lock();
-                logLines << text;
-                logLock.unlock();
-                if (previous) previous(type, ctx, text);
-            });
-        QMutexLocker l(&logLock);
-        logLines.clear();
+        vesktest::LogCapture::install();
+        vesktest::LogCapture::clear();
     }
     // A fresh board whose chip has `source` plugged in at power-up, and the
     // driver started with the board clock held.
