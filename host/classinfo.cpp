@@ -11,6 +11,7 @@
 #include "frame/VeskObject.h"
 #include "host/VeskGraph.h"
 #include "host/VeskHost.h"
+#include "host/usage.h"
 
 namespace {
 
@@ -165,8 +166,7 @@ int veskInspect(const QStringList& args)
         } else if (!a.startsWith(QLatin1Char('-')) && className.isEmpty()) {
             className = a;
         } else {
-            std::fprintf(stderr, "veskhost: inspect: unexpected argument \"%s\"\n", qPrintable(a));
-            return 2;
+            return veskUsageError("inspect", QStringLiteral("unexpected argument \"%1\"").arg(a));
         }
     }
 

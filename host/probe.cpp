@@ -23,18 +23,11 @@
 #include "frame/VeskSys.h"
 #include "host/VeskGraph.h"
 #include "host/VeskHost.h"
+#include "host/usage.h"
 #include "sim/VirtualBoard.h"
 
 namespace {
 
-const char kProbeUsage[] =
-    "usage: veskhost probe URL|/dev/videoN [--seconds N] [--json] [--set KEY=VALUE ...]\n"
-    "                      [--sim [SCENARIO.json]]\n"
-    "  Opens URL with the node for its scheme (a camera with the camera node),\n"
-    "  counts its packets for N seconds (default 10) and prints the \"ready\" map\n"
-    "  (a camera: its formats and controls) and per-stream figures. --set puts a\n"
-    "  key into the node's data (the value is read as JSON when it parses). --sim\n"
-    "  runs it on the virtual board.\n";
 
 void out(const QString& line)
 {
@@ -45,10 +38,7 @@ void out(const QString& line)
 
 int fail(const QString& why)
 {
-    const QByteArray bytes = "veskhost probe: " + why.toUtf8() + '\n';
-    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stderr);
-    std::fputs(kProbeUsage, stderr);
-    return 2;
+    return veskUsageError("probe", why);
 }
 
 qint64 hostNow()

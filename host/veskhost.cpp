@@ -30,6 +30,7 @@
 #include "host/VeskGraph.h"
 #include "host/classinfo.h"
 #include "host/probe.h"
+#include "host/usage.h"
 #include "sim/AudioOut.h"
 #include "sim/Emu6604.h"
 #include "sim/VideoOut.h"
@@ -44,22 +45,69 @@ namespace {
 QElapsedTimer sinceStart;
 int quitPipe[2] = {-1, -1};
 
-const char kUsage[] =
-    "usage:\n"
-    "  veskhost classes\n"
-    "  veskhost inspect [CLASS] [--json]\n"
-    "  veskhost run GRAPH.json [--board BOARD.json] [--sim [SCENARIO.json]] [--seconds N]\n"
-    "                          [--json] [--debug] [--wav [DEV=]FILE ...]\n"
-    "                          [--snapshot DEV:FILE.png[@SECONDS] ...]\n"
-    "  veskhost signals --board BOARD.json [--sim [SCENARIO.json]] [--seconds N] [--json]\n"
-    "                   [--debug] [--wav [DEV=]FILE ...]\n"
-    "  veskhost probe URL|/dev/videoN [--seconds N] [--json] [--set KEY=VALUE ...]\n"
-    "                 [--sim [SCENARIO.json]]\n"
-    "  veskhost mcu [--port PATH | --sim [SCENARIO.json]] [--send JSON ...] [--seconds N]\n"
-    "               [--json]\n"
+// Each verb's part of the usage: its synopsis, then what it does. The whole
+// usage is every synopsis followed by the notes; `veskhost VERB --help`
+// prints one verb's synopsis and text.
+struct Verb {
+    const char* name;
+    const char* synopsis;
+    const char* about;
+};
+const Verb kVerbs[] = {
+    {"classes", "  veskhost classes\n", "  Lists the node classes the library registers, one a line.\n"},
+    {"inspect", "  veskhost inspect [CLASS] [--json]\n",
+     "  A node class's data keys with types and defaults, its methods, the events\n"
+     "  it sends and its sharing members; without CLASS, every class.\n"},
+    {"run",
+     "  veskhost run GRAPH.json [--board BOARD.json] [--sim [SCENARIO.json]] [--seconds N]\n"
+     "                          [--json] [--debug] [--wav [DEV=]FILE ...]\n"
+     "                          [--snapshot DEV:FILE.png[@SECONDS] ...]\n",
+     "  Builds the graph's nodes, starts them and prints what they announce and\n"
+     "  send: stream descriptions, events, packet figures.\n"},
+    {"signals",
+     "  veskhost signals --board BOARD.json [--sim [SCENARIO.json]] [--seconds N] [--json]\n"
+     "                   [--debug] [--wav [DEV=]FILE ...]\n",
+     "  Watches every interface of the board through its chip driver and prints\n"
+     "  each change of signal, with what the driver's state machine is doing.\n"},
+    {"probe",
+     "  veskhost probe URL|/dev/videoN [--seconds N] [--json] [--set KEY=VALUE ...]\n"
+     "                 [--sim [SCENARIO.json]]\n",
+     "  Opens URL with the node for its scheme (a camera with the camera node),\n"
+     "  counts its packets for N seconds (default 10) and prints the \"ready\" map\n"
+     "  (a camera: its formats and controls) and per-stream figures. --set puts a\n"
+     "  key into the node's data (the value is read as JSON when it parses). --sim\n"
+     "  runs it on the virtual board.\n"},
+    {"mcu",
+     "  veskhost mcu [--port PATH | --sim [SCENARIO.json]] [--send JSON ...] [--seconds N]\n"
+     "               [--json]\n",
+     "  Opens the front-panel microcontroller's line (a serial port, or the virtual\n"
+     "  board's) and prints every frame it sends, every command sent to it and\n"
+     "  the line's watchdog.\n"},
+};
+const char kNotes[] =
     "With --sim and no --board, the scenario's \"board\" is the board; --wav records\n"
     "what its audio output DEV (default 0) plays; --snapshot writes what its display\n"
-    "device DEV shows, SECONDS after the start (default: at the end).\n";
+    "device DEV shows, SECONDS after the start (default: at the end).\n"
+    "veskhost VERB --help tells one verb.\n";
+
+QByteArray usageText()
+{
+    QByteArray text = "usage:\n";
+    for (const Verb& v : kVerbs) text += v.synopsis;
+    return text + kNotes;
+}
+
+const Verb* findVerb(const QString& name)
+{
+    for (const Verb& v : kVerbs)
+        if (name == QLatin1String(v.name)) return &v;
+    return nullptr;
+}
+
+bool isHelp(const QString& a)
+{
+    return a == QLatin1String("--help") || a == QLatin1String("-h");
+}
 
 void printLine(const QString& line)
 {
@@ -77,8 +125,16 @@ void complain(const QString& text)
 int usage(const QString& why)
 {
     complain(why);
-    std::fputs(kUsage, stderr);
+    std::fputs(usageText().constData(), stderr);
     return 2;
+}
+
+// Help asked for is an answer, not an error: standard output, status 0.
+int help(const Verb* verb)
+{
+    const QByteArray text = verb ? QByteArray("usage:\n") + verb->synopsis + verb->about : usageText();
+    std::fwrite(text.constData(), 1, size_t(text.size()), stdout);
+    return 0;
 }
 
 double seconds()
@@ -324,6 +380,11 @@ void endBoard()
 {
     vsim::Board::instance().stop();
     vsim::Emu6604::removeSegment();
+    // The board's files live in a directory made for this run; the process
+    // ends next, so nothing reads them after this.
+    const QString root = vsim::Board::instance().root();
+    if (QFileInfo(root).fileName().startsWith(QLatin1String("vesk-board-")))
+        QDir(root).removeRecursively();
 }
 
 void onQuitSignal(int)
@@ -652,11 +713,20 @@ int watchLine(const QStringList& args, QCoreApplication& app)
     quitOnSignals(&app);
     app.exec();
     mcu::setObserver(nullptr);
-    if (o.sim) endBoard();
+    if (o.sim || !port.isEmpty()) endBoard();
     return 0;
 }
 
 }  // namespace
+
+int veskUsageError(const char* verb, const QString& why)
+{
+    const Verb* v = verb ? findVerb(QLatin1String(verb)) : nullptr;
+    complain(v ? QLatin1String(verb) + QStringLiteral(": ") + why : why);
+    const QByteArray text = v ? QByteArray("usage:\n") + v->synopsis : usageText();
+    std::fwrite(text.constData(), 1, size_t(text.size()), stderr);
+    return 2;
+}
 
 int main(int argc, char** argv)
 {
@@ -666,6 +736,15 @@ int main(int argc, char** argv)
     const QStringList args = app.arguments().mid(1);
     if (args.isEmpty()) return usage(QStringLiteral("no command given"));
     const QString command = args.first();
+    if (isHelp(command) || command == QLatin1String("help")) {
+        if (args.size() < 2) return help(nullptr);
+        const Verb* verb = findVerb(args[1]);
+        return verb ? help(verb) : usage(QStringLiteral("unknown command \"%1\"").arg(args[1]));
+    }
+    // A verb's own help wins over whatever else stands beside it.
+    if (const Verb* verb = findVerb(command))
+        for (const QString& a : args.mid(1))
+            if (isHelp(a)) return help(verb);
 
     if (command == QLatin1String("classes")) {
         if (args.size() > 1) return usage(QStringLiteral("classes takes no arguments"));

@@ -15,7 +15,8 @@
 # Environment: VESK_SYSROOT (default /opt/vesk-sysroot/ARCH), VESK_CROSS_JOBS
 # (build jobs, default nproc), VESK_CROSS_TEST_JOBS (ctest jobs, default nproc),
 # VESK_DEBIAN_MIRROR (default: the first Debian URI of the machine's apt
-# sources). Build directories: build-ARCH and build-ARCH-board.
+# sources, deb822 or one-line, else Debian's default mirror). Build
+# directories: build-ARCH and build-ARCH-board, each with its build.log.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 
@@ -38,22 +39,16 @@ esac
 sysroot=${VESK_SYSROOT:-/opt/vesk-sysroot/$arch}
 jobs=${VESK_CROSS_JOBS:-$(nproc)}
 test_jobs=${VESK_CROSS_TEST_JOBS:-$(nproc)}
-SUDO=""
-[ "$(id -u)" -eq 0 ] || SUDO=sudo
+# shellcheck source=scripts/lib.sh
+. "$top/scripts/lib.sh"
+SUDO=$(vesk_sudo)
 
 stamp() { echo "== cross $arch: $* ($(date -u +%H:%M:%S))"; }
 
 # ---- tools of this machine ------------------------------------------------
 "$top/scripts/setup.sh"
-missing=()
-for p in "g++-$triple" qemu-user mmdebstrap qtbase5-dev-tools ccache; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if ((${#missing[@]})); then
-  stamp "installing ${missing[*]}"
-  $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+vesk_install "the $arch cross compiler and emulator" "g++-$triple" qemu-user mmdebstrap \
+  qtbase5-dev-tools
 
 # ---- the target's sysroot -------------------------------------------------
 # Extracted, not installed: no maintainer scripts run and no foreign
@@ -61,20 +56,22 @@ fi
 # package indexes are out of step with the machine's.
 target_packages=qtbase5-dev,libqt5serialport5-dev,libavformat-dev,libavcodec-dev,libavutil-dev
 target_packages+=,libavdevice-dev,libasound2-dev,libgtest-dev,libc6-dev,libstdc++-12-dev
-if [ "$(cat "$sysroot/.vesk-packages" 2>/dev/null)" != "$target_packages" ]; then
-  mirror=${VESK_DEBIAN_MIRROR:-}
-  if [ -z "$mirror" ]; then
-    mirror=$(grep -rhoE '(URIs:|deb) +https?://[^ ]*/debian/?( |$)' /etc/apt/sources.list \
-      /etc/apt/sources.list.d/ 2>/dev/null | head -n1 | awk '{print $2}')
-    mirror=${mirror:-http://deb.debian.org/debian}
-  fi
-  stamp "making the sysroot $sysroot from $mirror"
+made=$(cat "$sysroot/.vesk-packages" 2>/dev/null) || made=
+if [ "$made" != "$target_packages" ]; then
+  mirror=${VESK_DEBIAN_MIRROR:-$(vesk_debian_mirror)}
+  stamp "making the sysroot $sysroot from $mirror (log: $VESK_LOG_DIR/sysroot-$arch.log)"
+  start=$SECONDS
   $SUDO rm -rf "$sysroot" "$sysroot.tmp"
-  $SUDO mkdir -p "$(dirname "$sysroot")"
-  $SUDO mmdebstrap --quiet --architectures="$arch" --variant=extract --include="$target_packages" \
-    bookworm "$sysroot.tmp" "deb $mirror bookworm main"
+  $SUDO mkdir -p "$(dirname "$sysroot")" "$VESK_LOG_DIR"
+  if ! $SUDO mmdebstrap --architectures="$arch" --variant=extract --include="$target_packages" \
+    bookworm "$sysroot.tmp" "deb $mirror bookworm main" >"$VESK_LOG_DIR/sysroot-$arch.log" 2>&1; then
+    echo "cross: mmdebstrap failed; the end of $VESK_LOG_DIR/sysroot-$arch.log:" >&2
+    tail -n 25 "$VESK_LOG_DIR/sysroot-$arch.log" >&2
+    exit 1
+  fi
   echo "$target_packages" | $SUDO tee "$sysroot.tmp/.vesk-packages" >/dev/null
   $SUDO mv "$sysroot.tmp" "$sysroot"
+  stamp "sysroot made in $((SECONDS - start)) s"
 else
   stamp "reusing the sysroot $sysroot"
 fi
@@ -94,20 +91,10 @@ for lib in blas/libblas.so.3 lapack/liblapack.so.3; do
 done
 
 # ---- build ------------------------------------------------------------------
-configure() {
-  local dir=$1
-  shift
-  local launcher=()
-  command -v ccache >/dev/null && launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
-  VESK_SYSROOT=$sysroot cmake -S "$top" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DCMAKE_TOOLCHAIN_FILE="$top/cmake/toolchains/$arch.cmake" -DVESK_SYSROOT="$sysroot" \
-    "${launcher[@]}" "$@" >/dev/null
-}
-
 build=$top/build-$arch
 stamp "virtual-board build in $build"
-configure "$build"
-cmake --build "$build" --parallel "$jobs"
+VESK_BUILD_JOBS=$jobs VESK_SYSROOT=$sysroot vesk_build "$build" \
+  -DCMAKE_TOOLCHAIN_FILE="$top/cmake/toolchains/$arch.cmake" -DVESK_SYSROOT="$sysroot"
 
 # ---- tests under the emulator -------------------------------------------------
 # ctest runs each test program through CMAKE_CROSSCOMPILING_EMULATOR; the
@@ -120,8 +107,9 @@ ctest "${ctest_args[@]}" || status=$?
 
 if ((board)); then
   stamp "board build in $build-board"
-  configure "$build-board" -DVESK_PLATFORM=board
-  cmake --build "$build-board" --parallel "$jobs"
+  VESK_BUILD_JOBS=$jobs VESK_SYSROOT=$sysroot vesk_build "$build-board" \
+    -DCMAKE_TOOLCHAIN_FILE="$top/cmake/toolchains/$arch.cmake" -DVESK_SYSROOT="$sysroot" \
+    -DVESK_PLATFORM=board
   readelf -h "$build-board/libVeskIO.so.1" | grep -E "Class|Machine"
 fi
 stamp "done (tests: $([ $status -eq 0 ] && echo passed || echo FAILED))"

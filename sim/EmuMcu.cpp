@@ -71,8 +71,6 @@ void EmuMcu::attach(const QVariantMap& settings)
     ::fcntl(slave, F_SETFD, FD_CLOEXEC);
     wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 
-    // The board's /tmp, where the firmware version is kept.
-    QDir().mkpath(QFileInfo(Board::instance().hostPath("/tmp/mcuVersion")).path());
     link = Board::instance().hostPath(settings.value("path", "/dev/ttyAMA2").toString());
     QDir().mkpath(QFileInfo(link).path());
     QFile::remove(link);

@@ -244,6 +244,9 @@ void Board::activate(const QString& root)
         ownRoot = false;
         QDir().mkpath(rootDir);
     }
+    // A board has a /tmp: the microcontroller's firmware version is written
+    // there whether or not the line is emulated.
+    QDir(rootDir).mkpath(QStringLiteral("tmp"));
     clearLocked();
     on = true;
 }

@@ -10,6 +10,12 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
+#include <QElapsedTimer>
+
+#include <poll.h>
+#include <pty.h>
+#include <termios.h>
+#include <unistd.h>
 
 #include "tests/support/BuiltProgram.h"
 
@@ -310,7 +316,7 @@ QStringList eventsInSource(const QString& className)
 TEST(Inspect, TellsDataDefaultsMethodsAndEventsTrueToTheSource)
 {
     QProcess p;
-    p.start(VESKHOST, {"inspect", "VeskInputRtsp"});
+    vesktest::startBuilt(p, VESKHOST, {"inspect", "VeskInputRtsp"});
     ASSERT_TRUE(p.waitForFinished(60000));
     const QString text = p.readAllStandardOutput();
     const char* const rows[][3] = {{"agent", "QString", "\"VeskSDK\""},
@@ -354,4 +360,62 @@ TEST(Inspect, TellsDataDefaultsMethodsAndEventsTrueToTheSource)
         names.sort();
         EXPECT_EQ(names, eventsInSource(it.key())) << it.key().toStdString();
     }
+}
+
+// What a person types: help is an answer on standard output, a word the host
+// does not know an error on standard error. The microcontroller's line on a
+// real port keeps the firmware version where the library keeps it, quietly.
+TEST(Commands, HelpAnswersBadWordsFailAndTheLineOnAPortKeepsTheVersion)
+{
+    QProcess p;
+    auto run = [&p](const QStringList& args, QByteArray* out, QByteArray* err) {
+        vesktest::startBuilt(p, VESKHOST, args);
+        if (!p.waitForFinished(60000)) p.kill();
+        *out = p.readAllStandardOutput();
+        *err = p.readAllStandardError();
+        return p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    };
+    QByteArray out, err;
+    for (const char* h : {"--help", "-h", "help"}) {
+        EXPECT_EQ(run({h}, &out, &err), 0) << h;
+        EXPECT_TRUE(out.startsWith("usage:\n") && out.contains("veskhost mcu")) << out.data();
+        EXPECT_TRUE(err.isEmpty()) << err.data();
+    }
+    EXPECT_EQ(run({"probe", "--json", "--help"}, &out, &err), 0);
+    EXPECT_TRUE(out.contains("veskhost probe URL") && !out.contains("veskhost run")) << out.data();
+    for (const QStringList& bad : {QStringList{"frob"}, QStringList{"inspect", "--frob"},
+                                   QStringList{"signals", "--frob"}, QStringList{"help", "frob"}}) {
+        EXPECT_EQ(run(bad, &out, &err), 2) << bad.join(' ').toStdString();
+        EXPECT_TRUE(out.isEmpty() && err.contains("usage:")) << err.data();
+    }
+
+    int master = -1, slave = -1;
+    ASSERT_EQ(::openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    termios tio;
+    ASSERT_EQ(::tcgetattr(slave, &tio), 0);
+    ::cfmakeraw(&tio);
+    ::tcsetattr(slave, TCSANOW, &tio);
+    vesktest::startBuilt(p, VESKHOST, {"mcu", "--port", QString(::ptsname(master)), "--seconds", "2"});
+    // The microcontroller speaks until it is asked for its version.
+    QByteArray heard;
+    QElapsedTimer t;
+    for (t.start(); !heard.contains("GetVer") && t.elapsed() < 30000;) {
+        const char status[] = "{\"Cmd\":\"temp\",\"value\":40}#####";
+        ASSERT_GT(::write(master, status, sizeof status - 1), 0);
+        pollfd pfd{master, POLLIN, 0};
+        char buf[256];
+        if (::poll(&pfd, 1, 300) == 1 && (pfd.revents & POLLIN)) {
+            const ssize_t n = ::read(master, buf, sizeof buf);
+            if (n > 0) heard.append(buf, int(n));
+        }
+    }
+    const char version[] = "{\"Cmd\":\"Version\",\"value\":\"fw 9.1\"}#####";
+    ASSERT_GT(::write(master, version, sizeof version - 1), 0);
+    ASSERT_TRUE(p.waitForFinished(60000));
+    EXPECT_EQ(p.exitCode(), 0);
+    EXPECT_TRUE(p.readAllStandardOutput().contains("fw 9.1"));
+    err = p.readAllStandardError();
+    EXPECT_TRUE(err.isEmpty()) << err.data();
+    ::close(slave);
+    ::close(master);
 }
