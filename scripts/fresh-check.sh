@@ -116,14 +116,14 @@ mount -t tmpfs -o mode=0755 tmpfs "$root/run"
 mkdir -p "$root/run/lock"
 chmod 1777 "$root/run/lock"
 for cmd in "$@"; do
-  name=$(basename "$cmd" .sh)
+  name=$(basename "${cmd%% *}" .sh | tr -c 'A-Za-z0-9._\n-' _)
   echo "fresh-check: running $cmd (log: $logs/$name.log)"
   start=$SECONDS
   status=0
   chroot "$root" /usr/bin/env -i HOME=/root PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
     LANG=C.UTF-8 TERM=dumb bash -c "cd /src/veskio && $cmd" </dev/null >"$logs/$name.log" 2>&1 || status=$?
   took=$((SECONDS - start))
-  echo "$cmd $status $took" >>"$results"
+  printf '%s\t%s\t%s\n' "$status" "$took" "$cmd" >>"$results"
   echo "fresh-check: $cmd: exit $status in $((took / 60)) min $((took % 60)) s"
   if [ "$status" != 0 ]; then
     echo "fresh-check: the end of $logs/$name.log:"
@@ -135,7 +135,7 @@ INNER
 echo
 failed=0
 ran=0
-while read -r cmd status took; do
+while IFS=$'\t' read -r status took cmd; do
   ran=$((ran + 1))
   echo "fresh-check: $cmd: exit $status in $((took / 60)) min $((took % 60)) s"
   [ "$status" = 0 ] || failed=1
