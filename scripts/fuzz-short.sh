@@ -130,7 +130,9 @@ for t in "${targets[@]}"; do
             head -8 || tail -20 "$log"
     fi
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
-    cov=$(grep -o 'cov: [0-9]*' "$log" | tail -1 | cut -d' ' -f2)
+    # A target that died before its first report has no "cov:" line: grep
+    # finds nothing, which must not end the script.
+    cov=$(grep -o 'cov: [0-9]*' "$log" | tail -1 | cut -d' ' -f2) || cov=
     files=$(find "$corpus" -type f | wc -l)
     summary+=("$(printf '%-10s %-7s %10s runs  cov %-5s corpus %s' "$t" "$status" "${runs:-?}" \
         "${cov:-?}" "$files")")
