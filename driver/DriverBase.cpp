@@ -118,8 +118,9 @@ int DriverBase::read(unsigned int bus, unsigned int dev, unsigned int reg, unsig
 {
     QMutexLocker locker(&mutex);
     // One buffer for both messages, as the chips expect: the register goes
-    // out of it and the answer comes back into it.
-    static unsigned char buf[4];
+    // out of it and the answer comes back into it. The message records are
+    // shared by every caller, which is why the whole transfer holds `mutex`.
+    unsigned char buf[4];
     static struct i2c_msg msgs[2];
     static struct i2c_rdwr_ioctl_data transfer;
 

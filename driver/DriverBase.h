@@ -18,10 +18,6 @@ public:
     QMap<QString, QVariant> getData();
     int getSamplerate();
     void setData(QMap<QString, QVariant> newData);
-    // What a driver with a state machine is doing inside, for a person
-    // watching an input that is not yet published (stage names, counters,
-    // chosen equaliser values). Nothing in the signal path reads it.
-    virtual QMap<QString, QVariant> diagnostics();
 
     // I2C through /dev/i2c-N. `dev` is the eight-bit address form.
     int write(unsigned int bus, unsigned int dev, unsigned int reg, unsigned int value,
@@ -68,4 +64,13 @@ public slots:
     virtual QVariant callFunc(QString func, QVariant arg);
     virtual void onCheck();
     virtual void onSetData(QMap<QString, QVariant> newData);
+
+public:
+    // What a driver with a state machine is doing inside, for a person
+    // watching an input that is not yet published (stage names, counters,
+    // chosen equaliser values). Nothing in the signal path reads it.
+    // Declared after the four slots above on purpose: board code built
+    // against this class calls them through the table of virtual functions,
+    // so their places there must not move.
+    virtual QMap<QString, QVariant> diagnostics();
 };

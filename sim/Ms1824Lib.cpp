@@ -59,6 +59,29 @@ void record(const QString& call)
     Ms1824Lib::instance().record(call);
 }
 
+// The chip's registers, with frame memory that a running path keeps
+// overwriting.
+class Ms1824Chip : public RegisterChip {
+public:
+    Ms1824Chip() : RegisterChip(2) {}
+    bool i2cRead(uint8_t* buf, size_t len) override
+    {
+        std::lock_guard<std::mutex> g(lock);
+        for (size_t i = 0; i < len; i++) {
+            buf[i] = regs[ptr];
+            if (ptr >= EmuMS1824::kFrameMemory) {
+                const int path = ptr >= 0xC000 ? 1 : 0;
+                if (!(regs[EmuMS1824::kFreeze + path] & 1)) buf[i] = uint8_t(buf[i] + ++picture);
+            }
+            ptr = uint16_t(ptr + 1);
+        }
+        return true;
+    }
+
+private:
+    uint8_t picture = 0;
+};
+
 // A fresh board has a library that has not been told anything yet.
 const bool partRegistered =
     registerBoardPart("ms1824", BoardPart{[](QMap<QString, std::shared_ptr<Device>>&,
@@ -72,7 +95,7 @@ const bool partRegistered =
 void EmuMS1824::attach(const QVariantMap& settings)
 {
     bus = settings.value("bus", 1).toInt();
-    regs = std::make_shared<RegisterChip>(2);
+    regs = std::make_shared<Ms1824Chip>();
     regs->setReg(0x0000, 0x18);
     regs->setReg(0x0001, 0x24);
     Board::instance().attachI2c(bus, kAddr >> 1, regs);
@@ -263,6 +286,9 @@ void ms1824_display_trigger(uint8_t u8_paths)
 void ms1824_video_freeze(uint8_t u8_path, bool b_on)
 {
     vsim::record(QStringLiteral("video_freeze(%1, %2)").arg(u8_path).arg(b_on));
+    if (mculib_i2c_write_16bidx8bval && u8_path < 2)
+        mculib_i2c_write_16bidx8bval(EmuMS1824::kAddr, uint16_t(EmuMS1824::kFreeze + u8_path),
+                                     b_on);
 }
 
 void ms1824_osd_init(void)

@@ -9,9 +9,12 @@
 //
 // The stand-in's registers (16-bit numbers): 0x0000-0x0001 the chip id
 // 0x18 0x24; 0x0100 + source kind bit 0 input locked; 0x0110 + source kind
-// the detected VIC; 0x0200 the last paths taken into use by a trigger.
-// The library asks the lock first and reads the VIC only when locked, so a
-// chip that never answers reads as VIC 255.
+// the detected VIC; 0x0200 the last paths taken into use by a trigger;
+// 0x0210 + path bit 0 the path's video frozen; 0x8000-0xBFFF and
+// 0xC000-0xFFFF the frame memory of paths 0 and 1, which holds what is
+// written to it only while its path is frozen (a running path reads back
+// whatever picture passes). The library asks the lock first and reads the
+// VIC only when locked, so a chip that never answers reads as VIC 255.
 #pragma once
 
 #include <QStringList>
@@ -29,6 +32,8 @@ public:
     static constexpr uint16_t kLock = 0x0100;
     static constexpr uint16_t kVic = 0x0110;
     static constexpr uint16_t kTrigger = 0x0200;
+    static constexpr uint16_t kFreeze = 0x0210;
+    static constexpr uint16_t kFrameMemory = 0x8000;
 
     void attach(const QVariantMap& settings) override;
     void setSource(const QVariantMap& source) override;

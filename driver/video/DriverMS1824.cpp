@@ -5,32 +5,36 @@
 #include <linux/i2c.h>
 
 #include <QDebug>
-#include <QMutexLocker>
 #include <cstdio>
 #include <cstring>
 
 #include "frame/VeskSys.h"
 
-uint8_t DriverMS1824::g_u8_InputPort = 1;
-uint8_t DriverMS1824::g_u8_OutputPort = 4;
-uint8_t DriverMS1824::g_u8_input_mode1 = 255;
-uint8_t DriverMS1824::g_u8_input_mode2 = 255;
-ms1824_timing_t DriverMS1824::g_st_input_timing1 = {};
-ms1824_timing_t DriverMS1824::g_st_input_timing2 = {};
-ms1824_timing_t DriverMS1824::g_st_output_timing = {};
-uint8_t DriverMS1824::g_u8_output_vic = 255;
-uint8_t DriverMS1824::g_u8_cvbs_count = 0;
-uint8_t DriverMS1824::g_bOSDShown = 0;
-uint8_t DriverMS1824::g_u8OSDCount = 0;
+ms1824_timing_t DriverMS1824::timing = {};
 
-const char* const DriverMS1824::kOutputLabels[5] = {
-    "VGA OUT      ", "MS1824 AV OUT", "MS7024 AV OUT", "LVDS OUT     ", "TTL OUT      "};
-const char* const DriverMS1824::kInputLabels[3] = {"YPbPr  INPUT ", "VGA  INPUT   ",
-                                                   "CVBS INPUT   "};
+uint8_t g_u8_InputPort = 1;
+uint8_t g_u8_OutputPort = 4;
+uint8_t g_u8_input_mode1 = 255;
+uint8_t g_u8_input_mode2 = 255;
+ms1824_timing_t g_st_input_timing1 = {};
+ms1824_timing_t g_st_input_timing2 = {};
+ms1824_timing_t g_st_output_timing = {};
+uint8_t g_u8_cvbs_count = 0;
+uint8_t g_bOSDShown = 0;
+uint8_t g_u8OSDCount = 0;
 
 namespace {
 
+const char* const kOutputLabels[5] = {"VGA OUT      ", "MS1824 AV OUT", "MS7024 AV OUT",
+                                      "LVDS OUT     ", "TTL OUT      "};
+const char* const kInputLabels[3] = {"YPbPr  INPUT ", "VGA  INPUT   ", "CVBS INPUT   "};
+
 constexpr unsigned kBus = 1;
+constexpr uint8_t kChip = 0xB2;  // eight-bit form
+// Where each video path's frame memory shows through the chip's register
+// window, and how much of it the memory test goes over.
+constexpr uint16_t kFrameMemory[2] = {0x8000, 0xC000};
+constexpr uint16_t kMemoryTestBytes = 64;
 constexpr uint8_t kNoVic = 255;
 constexpr uint8_t kOsdWin = 0;
 constexpr uint8_t kLabelLen = 13;
@@ -116,8 +120,9 @@ DriverBase* busAccess()
 
 extern "C" uint8_t mculib_i2c_read_16bidx8bval(uint8_t u8_address, uint16_t u16_index)
 {
-    // Bus reads of the whole process take turns, whoever makes them.
-    QMutexLocker locker(&DriverBase::mutex);
+    // Its own transfer, with records of its own: unlike DriverBase::read,
+    // it shares nothing that needs DriverBase::mutex. The register number
+    // goes most significant byte first, as the chip takes it.
     int f = DriverBase::openBus(kBus, u8_address);
     if (f < 0) return 0;
     const uint16_t addr7 = uint16_t(u8_address >> 1);
@@ -216,12 +221,13 @@ QMap<QString, QVariant> DriverMS1824::diagnostics()
     d["input"] = portName(g_u8_InputPort);
     d["vic"] = g_u8_InputPort < 3 && kRoutes[g_u8_InputPort].path == 1 ? g_u8_input_mode2
                                                                        : g_u8_input_mode1;
-    d["outputVic"] = g_u8_output_vic;
     if (g_u8_InputPort == 2) d["cvbsCount"] = g_u8_cvbs_count;
     return d;
 }
 
-ms1824_timing_t DriverMS1824::sys_vga_media_service()
+// ---------------------------------------------------------------- the service
+
+ms1824_timing_t sys_vga_media_service()
 {
     if (g_u8_InputPort >= 3) {
         static bool told = false;
@@ -268,11 +274,9 @@ ms1824_timing_t DriverMS1824::sys_vga_media_service()
     stored = vic;
 
     if (route.source > MS1824_SRC_TMDS) {
-        if (!ms1824_get_std_timing(vic, &t)) {
-            qDebug("ms1824: no standard timing for VIC %d on %s, no signal", vic,
-                   portName(g_u8_InputPort));
-            memset(&t, 0, sizeof t);
-        }
+        // A VIC the library has no timing for leaves a zeroed record: no
+        // signal for onCheck.
+        ms1824_get_std_timing(vic, &t);
         ms1824_set_input_timing(path, &t);
         if (vic == 6 || vic == 21) {
             t.u16_hactive /= 2;  // the source repeats every pixel
@@ -289,12 +293,10 @@ ms1824_timing_t DriverMS1824::sys_vga_media_service()
             standard = 2;
         else if (vic == 2 || vic == 4 || vic == 5)
             standard = 17;
-        if (standard && ms1824_get_std_timing(standard, &t)) {
-            ms1824_set_input_timing(path, &t);
-        } else {
-            qDebug("ms1824: CVBS standard %d unknown, no signal", vic);
-            memset(&t, 0, sizeof t);
-        }
+        // Any other standard keeps the timing the path had, and the chip
+        // is set to it again.
+        if (standard) ms1824_get_std_timing(standard, &t);
+        ms1824_set_input_timing(path, &t);
     }
 
     sys_outout_key();
@@ -304,14 +306,14 @@ ms1824_timing_t DriverMS1824::sys_vga_media_service()
     return t;
 }
 
-void DriverMS1824::sys_vid_process_int()
+void sys_vid_process_int()
 {
     _init_ms1824();
     _setup_video_input(g_u8_InputPort);
     sys_outout_key();
 }
 
-void DriverMS1824::sys_power(bool on)
+void sys_power(bool on)
 {
     if (on) {
         _init_ms1824();
@@ -322,44 +324,44 @@ void DriverMS1824::sys_power(bool on)
     }
 }
 
-void DriverMS1824::sys_outout_key()
+void sys_outout_key()
 {
     ms1824_osd_win_enable(kOsdWin, false);
     g_bOSDShown = 0;
+    uint8_t vic = kNoVic;
     switch (g_u8_OutputPort) {
         case 0:
-            g_u8_output_vic = 129;
+            vic = 129;
             break;
         case 1:
-            g_u8_output_vic = 2;
+            vic = 2;
             break;
         case 3:
-            g_u8_output_vic = 16;
+            vic = 16;
             break;
         case 4: {
             // The panel follows what the digital input on path 2 carries.
             const uint8_t tmds = ms1824_get_vic(MS1824_SRC_TMDS, 1);
-            g_u8_output_vic = tmds == 0 || tmds == kNoVic ? 16 : tmds;
+            vic = tmds == 0 || tmds == kNoVic ? 16 : tmds;
             break;
         }
         default:
-            g_u8_output_vic = kNoVic;
             break;
     }
     _setup_video_output();
-    _setup_video_output_resolution(g_u8_output_vic);
+    _setup_video_output_resolution(vic);
     sys_video_mute_service();
     _setup_video_win_pos();
     ms1824_display_trigger(MS1824_PATH1 | MS1824_PATH2);
 }
 
-void DriverMS1824::sys_video_mute_service()
+void sys_video_mute_service()
 {
     if (g_u8_input_mode1 == kNoVic) ms1824_pattern_on(0, 0);
     if (g_u8_input_mode2 == kNoVic) ms1824_pattern_on(1, 0);
 }
 
-void DriverMS1824::_switch_input_mode()
+void _switch_input_mode()
 {
     ms1824_osd_win_enable(kOsdWin, false);
     g_bOSDShown = 0;
@@ -372,7 +374,7 @@ void DriverMS1824::_switch_input_mode()
     ms1824_display_trigger(MS1824_PATH1 | MS1824_PATH2);
 }
 
-void DriverMS1824::_set_osdwin_pos()
+void _set_osdwin_pos()
 {
     static const char blank[] = "             ";
     ms1824_osd_set_window(kOsdWin, 55, 10, kLabelLen, 4);
@@ -386,7 +388,7 @@ void DriverMS1824::_set_osdwin_pos()
     g_u8OSDCount = 0;
 }
 
-void DriverMS1824::osd_service()
+void osd_service()
 {
     if (!g_bOSDShown) return;
     if (++g_u8OSDCount < kOsdTicks) return;
@@ -395,7 +397,7 @@ void DriverMS1824::osd_service()
     g_u8OSDCount = 0;
 }
 
-void DriverMS1824::_init_ms1824()
+void _init_ms1824()
 {
     ms1824_set_user_timing_table(kUserTimings, uint8_t(sizeof kUserTimings / sizeof *kUserTimings));
     ms1824_osd_init();
@@ -403,7 +405,7 @@ void DriverMS1824::_init_ms1824()
                           uint8_t(sizeof OSD_COLOR_TABLE / sizeof *OSD_COLOR_TABLE));
 }
 
-void DriverMS1824::_setup_video_input(uint8_t port)
+void _setup_video_input(uint8_t port)
 {
     if (port >= 3) {
         qDebug("ms1824: input port %d does not exist, no input set up", port);
@@ -415,12 +417,12 @@ void DriverMS1824::_setup_video_input(uint8_t port)
         ms1824_config_input_video2_port(kRoutes[port].source);
 }
 
-void DriverMS1824::_setup_video_output()
+void _setup_video_output()
 {
     if (g_u8_OutputPort < 5) ms1824_config_output_video_port(kOutputPorts[g_u8_OutputPort]);
 }
 
-void DriverMS1824::_setup_video_output_resolution(uint8_t vic)
+void _setup_video_output_resolution(uint8_t vic)
 {
     if (vic != kNoVic && ms1824_get_std_timing(vic, &g_st_output_timing)) {
         ms1824_set_output_timing(&g_st_output_timing);
@@ -431,7 +433,7 @@ void DriverMS1824::_setup_video_output_resolution(uint8_t vic)
     memset(&g_st_output_timing, 0, sizeof g_st_output_timing);
 }
 
-void DriverMS1824::_setup_video_win_pos()
+void _setup_video_win_pos()
 {
     const uint16_t w = g_st_output_timing.u16_hactive, h = g_st_output_timing.u16_vactive;
     const bool second = g_u8_InputPort < 3 && kRoutes[g_u8_InputPort].path == 1;
@@ -439,19 +441,19 @@ void DriverMS1824::_setup_video_win_pos()
     ms1824_set_video2_alpha_ratio(second ? 100 : 0);
 }
 
-uint32_t DriverMS1824::_cal_mem_size(uint16_t width, uint16_t height)
+uint32_t _cal_mem_size(uint16_t width, uint16_t height)
 {
     // Two bytes a pixel (4:2:2), in KiB.
     return uint32_t(width) * height * 2 / 1024;
 }
 
-uint32_t DriverMS1824::_return_minof_three(uint32_t a, uint32_t b, uint32_t c)
+uint32_t _return_minof_three(uint32_t a, uint32_t b, uint32_t c)
 {
     uint32_t m = a < b ? a : b;
     return m < c ? m : c;
 }
 
-uint8_t DriverMS1824::_set_scaler()
+uint8_t _set_scaler()
 {
     if (g_u8_InputPort >= 3) return 0;
     const uint8_t path = kRoutes[g_u8_InputPort].path;
@@ -465,4 +467,21 @@ uint8_t DriverMS1824::_set_scaler()
     ms1824_set_video_scaler(path, in.u16_hactive, in.u16_vactive, out.u16_hactive, out.u16_vactive,
                             mem);
     return path == 0 ? MS1824_PATH1 : MS1824_PATH2;
+}
+
+bool ms1824_memory_test(uint8_t port)
+{
+    if (port >= 3) return false;
+    const uint8_t path = kRoutes[port].path;
+    uint8_t pattern[kMemoryTestBytes], back[kMemoryTestBytes];
+    // Every bit both ways, and no two neighbours alike.
+    for (uint16_t i = 0; i < kMemoryTestBytes; ++i) pattern[i] = uint8_t((i & 1 ? 0xAA : 0x55) ^ i);
+    memset(back, 0, sizeof back);
+    // A running path keeps writing its frame memory: only a frozen one can
+    // hold the pattern long enough to read it back.
+    ms1824_video_freeze(path, true);
+    mculib_i2c_burstwrite_16bidx8bval(kChip, kFrameMemory[path], kMemoryTestBytes, pattern);
+    mculib_i2c_burstread_16bidx8bval(kChip, kFrameMemory[path], kMemoryTestBytes, back);
+    ms1824_video_freeze(path, false);
+    return memcmp(pattern, back, sizeof back) == 0;
 }

@@ -5,6 +5,7 @@
 #include "driver/Driver.h"
 #include "driver/video/DriverLT8619.h"
 #include "driver/video/LT8619.h"
+#include "driver/video/lt8619c.h"
 #include "sim/BoardClock.h"
 #include "sim/EmuLT8619.h"
 #include "sim/VirtualBoard.h"
@@ -47,6 +48,9 @@ protected:
         LT8619::fps = 60;
         LT8619::interlace = false;
         LT8619::full = true;
+        // The chip loop's counters as a freshly loaded library has them.
+        print_en = 0;
+        LoopCounter = 0;
         clock.hold();
         driver = new DriverLT8619;
         Driver::driverMapV["hdmi1"] = driver;
@@ -68,7 +72,6 @@ protected:
         while (driver->lt->passes() < target) clock.advance(1);
     }
     QVariantMap info() { return Driver::getInfoV("hdmi1"); }
-    QString stage() { return driver->diagnostics().value("stage").toString(); }
     int reg16(uint8_t hi) { return emu->reg(0x60, hi) << 8 | emu->reg(0x60, uint8_t(hi + 1)); }
 
     vsim::BoardClock& clock = vsim::BoardClock::instance();
@@ -83,21 +86,19 @@ TEST_F(Lt8619, WalksFromHotPlugToPublicationAndBackToNoClock)
     const QVariantMap p720{
         {"vic", 19}, {"width", 1280}, {"height", 720}, {"framerate", 50}, {"quantisation", 4}};
     powerUp(p720);
-    EXPECT_EQ(stage(), "init");
     passes(1);  // the clock's first pass restarts the PLL and goes no further
     const auto hpd = emu->hotPlug();
     ASSERT_EQ(hpd.size(), 2u);
     EXPECT_FALSE(hpd[0].second);
     EXPECT_TRUE(hpd[1].second);
     EXPECT_GE(hpd[1].first - hpd[0].first, 3000000);
-    EXPECT_EQ(emu->edid(), QByteArray(reinterpret_cast<const char*>(LT8619::ONCHIP_EDID), 256));
+    EXPECT_EQ(emu->edid(), QByteArray(reinterpret_cast<const char*>(ONCHIP_EDID), 256));
     EXPECT_EQ(emu->reg(0x60, 0x6D), 0x08);
     EXPECT_EQ(emu->reg(0x60, 0x6E), 0x07);
     for (const char* line :
          {"ChipID is OK:0x1604", "set to OUTPUT_BT1120_16BIT", "clk detected!!!", "pll lock!!!"})
         EXPECT_EQ(logged(line), 1) << line;
     EXPECT_EQ(info(), (QVariantMap{{"avalible", false}}));
-    EXPECT_EQ(stage(), "sync");
 
     // Present from the first stable pass, the format only at the tenth.
     const QVariantMap before = published(1920, 1080, 60, false, true);
@@ -105,7 +106,6 @@ TEST_F(Lt8619, WalksFromHotPlugToPublicationAndBackToNoClock)
         passes(1);
         EXPECT_EQ(info(), i < 10 ? before : published(1280, 720, 50, false, false)) << i;
     }
-    EXPECT_EQ(stage(), "published");
 
     // Settled: the sync register is read on every tenth pass only, and a new
     // format that keeps sync (VIC change included) reaches the output timing
@@ -133,11 +133,9 @@ TEST_F(Lt8619, WalksFromHotPlugToPublicationAndBackToNoClock)
     passes(1);
     EXPECT_EQ(emu->syncReads() - reads, 1 + 6);
     EXPECT_FALSE(info()["avalible"].toBool());
-    EXPECT_EQ(stage(), "sync");
     passes(1);
     EXPECT_EQ(emu->syncReads() - reads, 7 + 1 + 8 + 1);
     EXPECT_EQ(logged("Hsync stable!!!"), 2);
-    EXPECT_EQ(stage(), "counting 1/10");
     passes(9);
     // Interlaced by VIC: the frame's height and an odd doubled total.
     EXPECT_EQ(info(), published(1920, 1080, 50, true, false));
@@ -151,7 +149,6 @@ TEST_F(Lt8619, WalksFromHotPlugToPublicationAndBackToNoClock)
     QVariantMap last = published(1920, 1080, 50, true, false);
     last["avalible"] = false;
     EXPECT_EQ(info(), last);
-    EXPECT_EQ(stage(), "clock");
 }
 
 // What one lock publishes, by source. Each row unplugs the one before, so
@@ -238,7 +235,6 @@ TEST_F(Lt8619, PublishesSnappedHeightTableRateAndFieldDoubling)
             EXPECT_EQ(emu->reg(0x60, 0x68), row.r68);
         }
     }
-    EXPECT_EQ(logged("no frame length measured"), 1);
 }
 
 // A chip that never answers, one with another ID, a PLL that never locks:
@@ -253,23 +249,21 @@ TEST_F(Lt8619, BadChipsAreLoggedAndTheLoopKeepsItsPace)
         bool silent;
         const char* log;
         bool avalible;
-        const char* stage;
     } cases[] = {
-        {p720, {}, true, "ChipID Fail!!!!", false, "clock"},
-        {p720, {{"chipId", "0x1605"}}, false, "ChipID Fail!!!!", true, "published"},
-        {noPll, {}, false, "pll unlock#####", false, "pll"},
+        {p720, {}, true, "ChipID Fail!!!!", false},
+        {p720, {{"chipId", "0x1605"}}, false, "ChipID Fail!!!!", true},
+        {noPll, {}, false, "pll unlock#####", false},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.log) + " " + c.stage);
+        SCOPED_TRACE(c.log);
         powerUp(c.source, c.chip);
-        Board::instance().setI2cFailing(1, LT8619::I2CADR >> 1, c.silent);
+        Board::instance().setI2cFailing(1, I2CADR >> 1, c.silent);
         passes(2);
         const int64_t t0 = clock.nowUs();
         passes(10);
         EXPECT_GE(clock.nowUs() - t0, 10 * 100000);
         EXPECT_GE(logged(c.log), 1);
         EXPECT_EQ(info().value("avalible"), c.avalible);
-        EXPECT_EQ(stage(), c.stage);
         TearDown();
     }
 }
