@@ -251,12 +251,10 @@ void VeskInputAi::onStart()
     }
     if (!data["nocopy"].toBool() && data["did"].toInt() != -1) {
         const int fd = hi_mpi_ai_get_fd(dev, chn);
-        if (fd < 0) {
-            // Without a descriptor there is nothing to watch; the filler
-            // keeps the stream going and the next start tries again.
-            log("zr_mpi_ai_get_fd faild");
-            return;
-        }
+        // A notifier on a failed descriptor never fires: the node lives on
+        // the silence filler, and as the notifier exists, no later start
+        // asks for a descriptor again.
+        if (fd < 0) log("zr_mpi_ai_get_fd faild");
         notifier = new QSocketNotifier(fd, QSocketNotifier::Read, this);
         connect(notifier, SIGNAL(activated(int)), this, SLOT(onRead(int)));
     }
@@ -280,7 +278,8 @@ void VeskInputAi::onRead(int)
     packet.frameType = 3;
     packet.reserved = 0;
 
-    const int len = int(std::min<uint32_t>(frame.len, INT32_MAX / 2)) & ~1;
+    // Held so that the doubled length of the stereo buffer stays an int.
+    const int len = int(std::min<uint32_t>(frame.len, INT32_MAX / 2));
     const auto* left = reinterpret_cast<const int16_t*>(frame.virt_addr[0]);
     const auto* right = reinterpret_cast<const int16_t*>(frame.virt_addr[1]);
     char* buf = nullptr;
@@ -290,11 +289,14 @@ void VeskInputAi::onRead(int)
         buf = bufferData(nullptr, outLen, 0);
         auto* out = reinterpret_cast<int16_t*>(buf);
         const int n = len / 2;
-        if (buf && left && right)
+        if (buf && left && right) {
             for (int i = 0; i < n; ++i) {
                 out[2 * i] = track == 2 ? right[i] : left[i];
                 out[2 * i + 1] = track == 1 ? left[i] : right[i];
             }
+            // An odd length leaves a half sample at the end: quiet.
+            std::memset(buf + 4 * n, 0, size_t(outLen - 4 * n));
+        }
     } else if (chn2 == -1) {
         outLen = len;
         buf = bufferData(reinterpret_cast<char*>(frame.virt_addr[0]), len, 0);
@@ -313,13 +315,14 @@ void VeskInputAi::onRead(int)
         // Two channels of one device come in frames of one length; should
         // they not, the shorter one ends the copy and the rest stays quiet.
         const int n = len / 2;
-        const int m = other ? int(std::min<uint32_t>(second.len / 2, uint32_t(n))) : 0;
-        if (m < n && buf) std::memset(buf, 0, size_t(outLen));
-        if (buf && left)
+        const int m = other && left ? int(std::min<uint32_t>(second.len / 2, uint32_t(n))) : 0;
+        if (buf) {
             for (int i = 0; i < m; ++i) {
                 out[2 * i] = left[i];
                 out[2 * i + 1] = other[i];
             }
+            std::memset(buf + 4 * m, 0, size_t(outLen - 4 * m));
+        }
         hi_mpi_ai_release_frame(dev, chn2, &second, nullptr);
     }
     hi_mpi_ai_release_frame(dev, chn, &frame, nullptr);

@@ -231,10 +231,6 @@ bool VeskInputV4l2::init()
 
     initMmap();
 
-    // A raw stream needs its frame and tee even when "yuv" came after the
-    // start.
-    if (format == "yuv" && !tee) makeRawTarget();
-
     infoV.params["width"] = data["width"];
     infoV.params["height"] = data["height"];
     infoV.params["framerate"] = data["framerate"];
@@ -245,6 +241,8 @@ bool VeskInputV4l2::init()
     } else if (format == "h265") {
         infoV.type = TypeH265;
     } else {
+        // The frame and tee are made by the start alone: "yuv" given after it
+        // announces tee 0, and its frames are dropped until the next start.
         infoV.type = TypeFrames;
         infoV.params["tee"] = tee ? tee->getId() : 0;
     }
@@ -336,52 +334,26 @@ int VeskInputV4l2::read_frame()
         return 0;
     }
 
-    // What the device says it filled must lie inside what was mapped.
-    const Buffer& b = buffers[buf.index];
-    bool usable = true;
-    if (b.start == MAP_FAILED || !b.start) {
-        log(QStringLiteral("buffer %1 is not mapped: frame dropped").arg(buf.index));
-        usable = false;
-    } else if (buf.bytesused > b.length) {
-        log(QStringLiteral("frame of %1 bytes in a buffer of %2: frame dropped")
-                .arg(buf.bytesused)
-                .arg(b.length));
-        usable = false;
-    } else if (buf.bytesused == 0) {
-        log("empty frame: dropped");
-        usable = false;
-    }
-
-    if (usable) {
-        Packet packet;
-        VeskHi::getPTS(&packet.pts, false);
-        packet.dts = packet.pts;
-        packet.frameType = 0;
-        packet.reserved = 0;
-        // A "drop" the count has passed is never met again; the count must
-        // still not run past what it can hold.
-        frameCounter = frameCounter == INT32_MAX ? 0 : frameCounter + 1;
-        if (frameCounter == data["drop"].toInt()) {
-            frameCounter = 0;
-            char* src = static_cast<char*>(b.start);
-            packet.len = int32_t(buf.bytesused);
-            packet.data = bufferData(src, packet.len, v4l2frame::kDhtHeadroom);
-            const QString format = data["format"].toString();
-            if (!packet.data) {
-                log("no buffer for the frame: dropped");
-            } else if (format == "mjpeg") {
-                packet.data = v4l2frame::mjpegUnit(packet.data, &packet.len, &hasDHT);
-                sendPacketV(packet);
-            } else if (format == "h264" || format == "h265") {
-                packet.data = bufferData(src, packet.len, kCompressedHeadroom);
-                if (packet.data)
-                    sendPacketV(packet);
-                else
-                    log("no buffer for the frame: dropped");
-            } else {
-                sendRaw(static_cast<const uint8_t*>(b.start), buf.bytesused, packet.pts);
-            }
-        }
+    Packet packet;
+    VeskHi::getPTS(&packet.pts, false);
+    packet.dts = packet.pts;
+    packet.frameType = 0;
+    packet.reserved = 0;
+    // Every frame counts, an empty one too. A "drop" the count has passed is
+    // never met again; the count must still not run past what it can hold.
+    frameCounter = frameCounter == INT32_MAX ? 0 : frameCounter + 1;
+    if (frameCounter == data["drop"].toInt()) {
+        frameCounter = 0;
+        // What the device says it filled must lie inside what was mapped.
+        const Buffer& b = buffers[buf.index];
+        if (b.start == MAP_FAILED || !b.start)
+            log(QStringLiteral("buffer %1 is not mapped: frame dropped").arg(buf.index));
+        else if (buf.bytesused > b.length)
+            log(QStringLiteral("frame of %1 bytes in a buffer of %2: frame dropped")
+                    .arg(buf.bytesused)
+                    .arg(b.length));
+        else
+            sendFrame(b, buf.bytesused, &packet);
     }
 
     for (int tries = 0;; ++tries) {
@@ -391,7 +363,29 @@ int VeskInputV4l2::read_frame()
     return 1;
 }
 
-void VeskInputV4l2::sendRaw(const uint8_t* src, uint32_t bytes, int64_t pts)
+void VeskInputV4l2::sendFrame(const Buffer& b, uint32_t used, Packet* packet)
+{
+    char* src = static_cast<char*>(b.start);
+    packet->len = int32_t(used);
+    packet->data = bufferData(src, packet->len, v4l2frame::kDhtHeadroom);
+    const QString format = data["format"].toString();
+    if (format == "mjpeg" || format == "h264" || format == "h265") {
+        if (format == "mjpeg" && packet->data)
+            packet->data = v4l2frame::mjpegUnit(packet->data, &packet->len, &hasDHT);
+        else if (format != "mjpeg")
+            packet->data = bufferData(src, packet->len, kCompressedHeadroom);
+        if (packet->data)
+            sendPacketV(*packet);
+        else
+            log("no buffer for the frame: dropped");
+    } else {
+        // The picture is read from the mapped buffer as far as the frame's
+        // size takes it, whatever the device says it filled.
+        sendRaw(static_cast<const uint8_t*>(b.start), b.length, packet->pts);
+    }
+}
+
+void VeskInputV4l2::sendRaw(const uint8_t* src, size_t bytes, int64_t pts)
 {
     ot_video_frame& f = frame.video_frame;
     int64_t need = 0, chromaNeed = 0;
@@ -409,7 +403,7 @@ void VeskInputV4l2::sendRaw(const uint8_t* src, uint32_t bytes, int64_t pts)
                       .arg(frameWidth)
                       .arg(frameHeight);
     else if (int64_t(bytes) < need)
-        problem = QStringLiteral("YUYV frame of %1 bytes is short of the %2 that %3x%4 takes")
+        problem = QStringLiteral("buffer of %1 bytes is short of the %2 that %3x%4 takes")
                       .arg(bytes)
                       .arg(need)
                       .arg(width)

@@ -154,8 +154,10 @@ private:
     void xuQuery(uint8_t selector, uint8_t query, uint16_t size, uint8_t* data);
     // The frame and tee of the raw path.
     void makeRawTarget();
-    // YUYV into `frame` and on into the tee.
-    void sendRaw(const uint8_t* src, uint32_t bytes, int64_t pts);
+    // A frame of `used` bytes in mapped buffer `b`, out by its format.
+    void sendFrame(const Buffer& b, uint32_t used, Packet* packet);
+    // YUYV from a mapped buffer of `bytes` into `frame` and on into the tee.
+    void sendRaw(const uint8_t* src, size_t bytes, int64_t pts);
     // The size the raw frame was made for.
     int32_t frameWidth = 0, frameHeight = 0;
     bool rawWarned = false;

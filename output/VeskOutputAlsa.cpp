@@ -87,6 +87,7 @@ void VeskOutputAlsa::init()
 {
     if (!findAlsaDev()) return;
     if (handle) closeAlsa();
+    deviceChannels = 0;
 
     const QByteArray path = data["path"].toString().toLocal8Bit();
     int r = snd_pcm_open(&handle, path.constData(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK);
@@ -141,6 +142,7 @@ void VeskOutputAlsa::init()
         return fail("unable to set hw parameters: ", r);
 
     deviceChannels = channels;
+    clampWarned = false;
     // A cushion against the first underrun.
     std::fill(buffer.begin(), buffer.end(), 0);
     for (int i = 0; i < 3; ++i)
@@ -167,13 +169,25 @@ void VeskOutputAlsa::doSend()
         const Packet packet = packetsA.takeFirst();
         lockA.unlock();
 
-        const int ch = deviceChannels;
-        if (ch < 1 || packet.len <= 0 || !packet.data) continue;
-        const snd_pcm_uframes_t frames = snd_pcm_uframes_t((packet.len / ch) / 2);
+        if (packet.len < 0 || !packet.data) continue;
+        // Frames as the stream announced its channels (at least one, so that
+        // nothing divides by zero). The device reads as many samples a frame
+        // as it was set up with: a count that would take it past the payload
+        // (or its widened copy) is held to what is there.
+        const int samples = packet.len / 2;
+        const snd_pcm_uframes_t want = snd_pcm_uframes_t((packet.len / std::max(channels, 1)) / 2);
+        const snd_pcm_uframes_t frames =
+            std::min(want, snd_pcm_uframes_t(samples / std::max(deviceChannels, 1)));
+        if (frames < want && !clampWarned) {
+            log(QStringLiteral("stream of %1 channels on a device of %2: frames beyond the "
+                               "packet dropped")
+                    .arg(channels)
+                    .arg(deviceChannels));
+            clampWarned = true;
+        }
         snd_pcm_sframes_t r;
         if (packed24) {
-            const int samples = packet.len / 2;
-            if (samples * 3 > int(buffer.size())) {
+            if (int64_t(samples) * 3 > int64_t(buffer.size())) {
                 log(QStringLiteral("packet of %1 bytes is too long for 24-bit output: dropped")
                         .arg(packet.len));
                 continue;

@@ -55,4 +55,5 @@ private:
     void log(const QString& text) const;
     // Channels the device was set up with; a later announcement may differ.
     int32_t deviceChannels = 0;
+    bool clampWarned = false;
 };

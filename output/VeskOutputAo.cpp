@@ -116,11 +116,9 @@ void VeskOutputAo::onNewInfoA(VeskObject::StreamInfo info)
     // included: only a stop and a new start build it again.
     if (started) return;
     if (info.type == 0) return;
-    if (!info.params.contains("samplerate")) {
-        log("audio stream announced without \"samplerate\": not played");
-        return;
-    }
-    data["resamplerate"] = info.params["samplerate"];
+    // Taken as it comes: a rate the device cannot convert from is the
+    // platform's to refuse when the resampler is asked for it.
+    data["resamplerate"] = info.params.value("samplerate");
     if (info.params.contains("num")) data["num"] = info.params["num"];
     devId = data["did"].toInt();
     chnId = data["cid"].toInt();

@@ -67,6 +67,9 @@ void DriverCx207::onSetData(QMap<QString, QVariant> newData)
         }
     }
 
+    // Each group is written only when its key is in the map: a map without
+    // "eq", say, leaves the chip's bands as they were, and of maps given
+    // before start-up ended only the last is applied.
     if (newData.contains("main")) {
         const QVariantMap main = newData.value("main").toMap();
         int gain = main.value("gain").toInt();
@@ -81,10 +84,11 @@ void DriverCx207::onSetData(QMap<QString, QVariant> newData)
 
     if (newData.contains("omni")) {
         const QVariantMap omni = newData.value("omni").toMap();
-        // Bit 1 for the automatic gain is the firmware's; the others are fixed.
-        int word =
-            (omni.value("mute0").toBool() ? 0x10 : 0) | (omni.value("mute1").toBool() ? 0x08 : 0) |
-            (omni.value("agc").toBool() ? 0x02 : 0) | (omni.value("aec").toBool() ? 0x01 : 0);
+        // The second microphone's mute and the automatic gain share bit 3:
+        // either sets it.
+        int word = (omni.value("mute0").toBool() ? 0x10 : 0) |
+                   (omni.value("mute1").toBool() || omni.value("agc").toBool() ? 0x08 : 0) |
+                   (omni.value("aec").toBool() ? 0x01 : 0);
         int a = omni.value("aecgain").toInt();
         if (word != curVal || a != lastAecLevel) {
             curVal = word;

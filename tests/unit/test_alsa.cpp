@@ -128,11 +128,12 @@ protected:
     }
     // Announcement and packets leave together, so that they reach the card
     // well inside the silence it was primed with.
-    void feed(bool announce, const QList<QByteArray>& packets)
+    void feed(bool announce, const QList<QByteArray>& packets, int channels = 2)
     {
         VeskGraph::runIn(src, [&] {
             if (announce)
-                src->sendInfoA({VeskObject::TypeRaw, {{"samplerate", 48000}, {"channels", 2}}, 0});
+                src->sendInfoA(
+                    {VeskObject::TypeRaw, {{"samplerate", 48000}, {"channels", channels}}, 0});
             for (const QByteArray& p : packets) {
                 char* at = src->bufferData(const_cast<char*>(p.constData()), p.size(), 0);
                 src->sendPacketA({at, int32_t(p.size()), ++pts, -1, 3, 0});
@@ -366,6 +367,12 @@ TEST_F(AlsaTest, PlaybackFindsItsCardAgainUnderAnotherNumber)
     const QByteArray tail = played("spk");
     EXPECT_FALSE(tail.contains(stereoPacket(5)));
     EXPECT_TRUE(tail.endsWith(stereoPacket(6) + stereoPacket(7)));
+
+    // Announced mono on the open stereo device: twice the frames, held to
+    // what the packet holds.
+    feed(true, {stereoPacket(8)}, 1);
+    VeskGraph::runIn(n, [] {});
+    EXPECT_TRUE(played("spk").endsWith(stereoPacket(8)));
 }
 
 }  // namespace

@@ -213,6 +213,15 @@ TEST_F(AudioOutTest, StereoResampledFloatAndRefusedSetups)
     }
     feed(floats);
     EXPECT_EQ(queued(), 0);
+
+    // A stream without a rate: converting from none is the platform's to
+    // refuse, and the device plays at its own rate.
+    set(ao, {{"did", 0}, {"cid", 0}});
+    platform().clearCalls();
+    announce(VeskObject::TypeRaw, {});
+    EXPECT_TRUE(inNode(ao, [this] { return ao->started; }));
+    EXPECT_EQ(countCalls("hi_mpi_ao_enable_resample"), 1);
+    EXPECT_EQ(out().device(0).resampleFrom[0], 0u);
 }
 
 TEST_F(AudioOutTest, SlowDeviceGetsTwoHundredBusyFramesThenDrops)

@@ -190,7 +190,7 @@ TEST_F(Codecs, Cx207HoldsConfigurationUntilUpThenWritesOnlyChangedOptions)
              %1, "aecgain": 100, "gain1": 9}, "output": {"gain0": 5, "gain1": 9, "mute0": true}})",
          regs("1013=A 1014=A 101B=97 101C=19 1015=7 1016=9 101E=2 100D=5 100E=5 1012=9 1018=3")},
         {R"({%1, "aecgain": 50, "agc": true, "boost": 1}})",
-         regs("11B5=14 11B6=14 10FA=FF 10FB=3F 117A=13 117D=FF 1015=7 1016=7 101E=4")}};
+         regs("11B5=14 11B6=14 10FA=FF 10FB=3F 117A=19 117D=FF 1015=7 1016=7 101E=4")}};
     for (const auto& [config, writes] : cases) {
         emu->chip()->clearWrites();
         t.restart();

@@ -5,6 +5,7 @@
 #include <linux/videodev2.h>
 
 #include <QElapsedTimer>
+#include <algorithm>
 
 #include "CaptureHarness.h"
 #include "frame/hi_mpi.h"
@@ -238,16 +239,20 @@ TEST_F(V4l2, OneBufferIsEnoughAndBrokenFramesAreDroppedWithoutStoppingCapture)
     EXPECT_EQ(lastInfo()["type"].toInt(), VeskObject::TypeH264);
     EXPECT_TRUE(sink.units[0].bytes.startsWith(QByteArray("\0\0\0\1", 4)));
 
+    // An index past the buffers and a frame longer than its buffer are
+    // dropped; an empty frame is a frame like any other.
+    auto empty = [&] {
+        return std::any_of(sink.units.begin(), sink.units.end(),
+                           [](const Unit& u) { return u.bytes.isEmpty(); });
+    };
     const struct {
         const char* fault;
         const char* line;
-    } faults[] = {{"badIndex", "buffer error"},
-                  {"oversize", "in a buffer of"},
-                  {"empty", "empty frame: dropped"}};
+    } faults[] = {{"badIndex", "buffer error"}, {"oversize", "in a buffer of"}, {"empty", nullptr}};
     for (const auto& f : faults) {
         Log::clear();
         ASSERT_TRUE(camera({{"fault", f.fault}}));
-        ASSERT_TRUE(waitFor([&] { return Log::has(f.line); })) << f.fault;
+        ASSERT_TRUE(waitFor([&] { return f.line ? Log::has(f.line) : empty(); })) << f.fault;
         const int n = sink.units.size();
         ASSERT_TRUE(units(n + 2)) << "capture stopped after " << f.fault;
     }
@@ -301,15 +306,23 @@ TEST_F(V4l2, YuyvBecomesASemiPlanarPictureInTheTee)
     }
     EXPECT_TRUE(sink.units.isEmpty());
 
-    // An odd line count would read past the picture the camera sends.
+    // An odd line count (the camera gives one line less) reads its last
+    // line from the buffer's spare room: not guarded, the pictures go on.
     graph->stop("cam");
     set(node, {{"height", 239}});
     graph->start("cam");
     ASSERT_TRUE(reopened(1));
+    const quint64 sent = platform().vpssFrameCount();
+    ASSERT_TRUE(waitFor([&] { return platform().vpssFrameCount() >= sent + 3; }));
+
+    // A picture taller than the camera gives would read past its buffers.
+    graph->stop("cam");
+    make<VeskInputV4l2>("tall", {{"width", 320}, {"height", 1090}, {"format", "yuv"}});
+    graph->start("tall");
     ASSERT_TRUE(waitFor([] { return Log::has("frames dropped"); }));
-    const quint64 sent = platform().vpssFrameCount(), seen = cam()->framesDelivered();
+    const quint64 held = platform().vpssFrameCount(), seen = cam()->framesDelivered();
     ASSERT_TRUE(waitFor([&] { return cam()->framesDelivered() >= seen + 3; }));
-    EXPECT_EQ(platform().vpssFrameCount(), sent);
+    EXPECT_EQ(platform().vpssFrameCount(), held);
 }
 
 TEST_F(V4l2, ControlsMoveTheCameraAndSetItsModes)
