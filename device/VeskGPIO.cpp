@@ -7,6 +7,7 @@
 #include <QSocketNotifier>
 #include <QStringList>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "frame/VeskRegister.h"
@@ -74,26 +75,26 @@ void VeskGPIO::log(const QString& text) const
     qDebug().noquote() << QStringLiteral("[%1]").arg(name()) << text;
 }
 
-int VeskGPIO::sysfsNumber(const QString& line) const
+bool VeskGPIO::sysfsNumber(const QString& line, int* number) const
 {
-    QStringList parts = line.toLower().remove("gpio").split("_");
-    bool okGroup = false, okPin = false;
-    int group = parts.value(0).toInt(&okGroup);
-    int pin = parts.value(1).toInt(&okPin);
-    if (parts.size() < 2 || !okGroup || !okPin || group < 0 || pin < 0 || group > 0xFFFF ||
-        pin > 0xFFFF) {
-        log(QStringLiteral("GPIO name \"%1\" is not GPIO<group>_<pin>, ignored").arg(line));
-        return -1;
+    // Whatever does not parse counts as 0, so "GPIO7" is line 56 and "led" is
+    // line 0: the shell lines run for it all the same.
+    const QStringList parts = line.toLower().remove("gpio").split("_");
+    const qint64 n = qint64(parts.value(0).toInt()) * 8 + parts.value(1).toInt();
+    if (n < INT_MIN || n > INT_MAX) {
+        log(QStringLiteral("GPIO name \"%1\" is past every line number, ignored").arg(line));
+        return false;
     }
-    return group * 8 + pin;
+    *number = int(n);
+    return true;
 }
 
 QVariant VeskGPIO::setGPIO(QVariant info)
 {
     QVariantList args = info.toList();
     if (args.size() != 2) return false;
-    int number = sysfsNumber(args[0].toString());
-    if (number < 0) return false;
+    int number = 0;
+    if (!sysfsNumber(args[0].toString(), &number)) return false;
     if (!vsys::exists(sysfsLine(number, "direction"))) {
         exportLine(number);
         shell(QStringLiteral("echo out > /sys/class/gpio/gpio%1/direction").arg(number));
@@ -106,8 +107,8 @@ QVariant VeskGPIO::setGPIO(QVariant info)
 
 QVariant VeskGPIO::getGPIO(QVariant info)
 {
-    int number = sysfsNumber(info.toString());
-    if (number < 0) return false;
+    int number = 0;
+    if (!sysfsNumber(info.toString(), &number)) return false;
     exportLine(number);
     shell(QStringLiteral("echo in > /sys/class/gpio/gpio%1/direction").arg(number));
     return readSmallFile(sysfsLine(number, "value")).startsWith('1');
@@ -121,16 +122,12 @@ QVariant VeskGPIO::registEvent(QVariant info)
     // Kept also when a step below fails: a line is tried once.
     registered.append(lower);
 
+    // The chip is what stands before the first "_", the line the number
+    // after it (0 when there is none).
     QString device = lower;
     device.replace("gpio", "/dev/gpiochip");
-    const int cut = device.indexOf('_');
-    bool ok = false;
-    const int offset = cut < 0 ? -1 : device.mid(cut + 1).toInt(&ok);
-    if (cut < 0 || !ok || offset < 0) {
-        log(QStringLiteral("GPIO name \"%1\" names no line of a chip, not watched").arg(given));
-        return false;
-    }
-    device.truncate(cut);
+    const int offset = device.section('_', 1, 1).toInt();
+    device = device.section('_', 0, 0);
 
     int chip = vsys::open(device.toLocal8Bit().constData(), O_RDONLY);
     if (chip < 0) {

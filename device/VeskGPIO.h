@@ -43,7 +43,8 @@ public slots:
     void onGPIO(int fd, gpio_state state);
 
 private:
-    // group * 8 + pin, or -1 (logged) for a name that is not GPIO<group>_<pin>.
-    int sysfsNumber(const QString& line) const;
+    // group * 8 + pin, each part 0 where it does not parse; false (logged)
+    // for a name whose number would not fit an int.
+    bool sysfsNumber(const QString& line, int* number) const;
     void log(const QString& text) const;
 };

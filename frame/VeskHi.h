@@ -54,7 +54,7 @@ public:
     ot_mpp_chn source{0, 0, 0};
     int maxWidth = 0, maxHeight = 0;
     int appliedContrast = 0;
-    QList<VeskTeeChn*> chns;
+    QList<VeskTeeChn*> chns;  // changed from several threads: under the host's tee lock
 };
 
 class MemInfo {

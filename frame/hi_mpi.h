@@ -208,6 +208,8 @@ td_s32 hi_mpi_vpss_start_grp(ot_vpss_grp grp);
 td_s32 hi_mpi_vpss_stop_grp(ot_vpss_grp grp);
 td_s32 hi_mpi_vpss_get_grp_attr(ot_vpss_grp grp, ot_vpss_grp_attr* attr);
 td_s32 hi_mpi_vpss_set_grp_attr(ot_vpss_grp grp, const ot_vpss_grp_attr* attr);
+td_s32 hi_mpi_vpss_get_grp_param(ot_vpss_grp grp, ot_vpss_grp_param* param);
+td_s32 hi_mpi_vpss_set_grp_param(ot_vpss_grp grp, const ot_vpss_grp_param* param);
 td_s32 hi_mpi_vpss_set_chn_attr(ot_vpss_grp grp, ot_vpss_chn chn, const ot_vpss_chn_attr* attr);
 td_s32 hi_mpi_vpss_get_chn_attr(ot_vpss_grp grp, ot_vpss_chn chn, ot_vpss_chn_attr* attr);
 td_s32 hi_mpi_vpss_enable_chn(ot_vpss_grp grp, ot_vpss_chn chn);

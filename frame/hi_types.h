@@ -313,6 +313,13 @@ typedef struct {
     ot_frame_rate_ctrl frame_rate;
 } ot_vpss_grp_attr;
 
+// Corrections a group applies to every picture it hands on. Contrast is in
+// percent around mid-grey, from -100 (flat grey) to 100 (twice the spread);
+// 0 leaves the picture as it came.
+typedef struct {
+    int32_t contrast;
+} ot_vpss_grp_param;
+
 // A size of 0 by 0 hands the picture on at the group's size.
 typedef struct {
     uint32_t width;

@@ -19,12 +19,18 @@ std::atomic<long long> ptsOffset{0};
 
 // The registries below are never destroyed: tees and frames outlive every
 // user, and a node thread may still look one up while the process exits.
+// teeMutex guards the tee registry, the groups in use and every tee's list
+// of channels: a tee is made in its source's thread, but any node that found
+// it by id takes and drops channels of it from its own thread. When both
+// locks are needed, teeMutex is taken first.
 QMutex teeMutex;
 QMap<int, VeskTee*>& tees = *new QMap<int, VeskTee*>;
 std::atomic<int> nextTeeId{1};
 
+// One entry a bound pair, each tied to what it goes away with (see
+// VeskHi::bind).
 QMutex bindMutex;
-QList<VeskHost::Binding> bindList;
+QList<VeskHost::Binding>& bindList = *new QList<VeskHost::Binding>;
 
 // Frames are never freed by their users; keeping them listed keeps them
 // reachable, which is what they are.
@@ -103,6 +109,47 @@ void applyChn(VeskTeeChn* chn)
     if (r != 0) warnFailed("hi_mpi_vpss_set_chn_attr", r, chn->vpss->id);
 }
 
+bool sameChn(const ot_mpp_chn& a, const ot_mpp_chn& b)
+{
+    return a.mod_id == b.mod_id && a.dev_id == b.dev_id && a.chn_id == b.chn_id;
+}
+
+// With bindMutex held.
+bool recorded(const VeskHost::Binding& b)
+{
+    for (const VeskHost::Binding& x : qAsConst(bindList))
+        if (sameChn(x.src, b.src) && sameChn(x.dst, b.dst)) return true;
+    return false;
+}
+
+// Whether a binding straight from the tee's source stands for that channel
+// already. With bindMutex held.
+bool standsFor(const VeskTee* tee, int chnIndex)
+{
+    for (const VeskHost::Binding& x : qAsConst(bindList))
+        if (x.teeId == tee->id && x.chnIndex == chnIndex && sameChn(x.src, tee->source))
+            return true;
+    return false;
+}
+
+// Takes the bindings tied to a channel of the tee (every one of the tee's
+// for -1) out of the record and off the platform.
+void unbindTied(int teeId, int chnIndex)
+{
+    if (teeId == 0) return;  // a tee the registry never knew
+    QList<VeskHost::Binding> mine;
+    {
+        QMutexLocker lock(&bindMutex);
+        for (int i = bindList.size() - 1; i >= 0; --i) {
+            const VeskHost::Binding& x = bindList[i];
+            if (x.teeId != teeId || (chnIndex >= 0 && x.chnIndex != chnIndex)) continue;
+            mine.append(x);
+            bindList.removeAt(i);
+        }
+    }
+    for (const VeskHost::Binding& b : qAsConst(mine)) hi_mpi_sys_unbind(&b.src, &b.dst);
+}
+
 }  // namespace
 
 VeskTee* VeskHi::newTee(int module, int device, int channel)
@@ -139,15 +186,16 @@ VeskTee* VeskHi::newTee(int module, int device, int channel)
 void VeskHi::delTee(VeskTee* tee)
 {
     if (!tee) return;
+    QList<VeskTeeChn*> chns;
     {
         QMutexLocker lock(&teeMutex);
         tees.remove(tee->id);
+        chns.swap(tee->chns);
+        for (VeskTeeChn* chn : qAsConst(chns)) chn->owner = nullptr;
     }
-    const QList<VeskTeeChn*> chns = tee->chns;
-    for (VeskTeeChn* chn : chns) {
-        chn->owner = nullptr;
-        delete chn;
-    }
+    for (VeskTeeChn* chn : qAsConst(chns)) delete chn;
+    // What was bound straight from the tee's source goes with it.
+    unbindTied(tee->id, -1);
     if (tee->grp >= 0) {
         hi_mpi_vpss_stop_grp(tee->grp);
         hi_mpi_vpss_destroy_grp(tee->grp);
@@ -178,21 +226,23 @@ VeskTeeChn* VeskTee::newChn(bool a, bool b)
     auto* chn = new VeskTeeChn;
     chn->teeId = id;
     chn->owner = this;
-    // The lowest channel number no living channel has.
-    chn->index = 0;
-    for (bool taken = true; taken;) {
-        taken = false;
-        for (const VeskTeeChn* c : qAsConst(chns))
-            if (c->index == chn->index) taken = true;
-        if (taken) ++chn->index;
-    }
     chn->flagA = a;
     chn->flagB = b;
-    chn->width = maxWidth;
-    chn->height = maxHeight;
     chn->vpss = new HiVpss;
     chn->vpss->id = grp;
-    chns.append(chn);
+    {
+        QMutexLocker lock(&teeMutex);
+        // The lowest channel number no living channel has.
+        for (bool taken = true; taken;) {
+            taken = false;
+            for (const VeskTeeChn* c : qAsConst(chns))
+                if (c->index == chn->index) taken = true;
+            if (taken) ++chn->index;
+        }
+        chn->width = maxWidth;
+        chn->height = maxHeight;
+        chns.append(chn);
+    }
     if (grp < 0) return chn;
     applyChn(chn);
     const int r = hi_mpi_vpss_enable_chn(grp, chn->index);
@@ -209,29 +259,38 @@ VeskTeeChn* VeskTee::newChnIPC()
 
 void VeskTee::setMax(int width, int height)
 {
+    QMutexLocker lock(&teeMutex);
     maxWidth = width;
     maxHeight = height;
 }
 
+// The group corrects every picture it hands on, so each channel of the tee
+// (and whatever display it feeds) shows the contrast.
 void VeskTee::updateParam()
 {
-    appliedContrast = contrast;
+    const int32_t wanted = contrast;
+    if (grp >= 0) {
+        ot_vpss_grp_param p;
+        std::memset(&p, 0, sizeof p);
+        hi_mpi_vpss_get_grp_param(grp, &p);
+        p.contrast = wanted;
+        const int r = hi_mpi_vpss_set_grp_param(grp, &p);
+        if (r != 0) {
+            warnFailed("hi_mpi_vpss_set_grp_param", r, grp);
+            return;
+        }
+    }
+    appliedContrast = wanted;
 }
 
 VeskTeeChn::~VeskTeeChn()
 {
-    if (owner) owner->chns.removeAll(this);
-    // What the channel fed stops being fed.
-    QList<VeskHost::Binding> mine;
     {
-        QMutexLocker lock(&bindMutex);
-        for (int i = bindList.size() - 1; i >= 0; --i) {
-            if (bindList[i].teeId != teeId || bindList[i].chnIndex != index) continue;
-            mine.append(bindList[i]);
-            bindList.removeAt(i);
-        }
+        QMutexLocker lock(&teeMutex);
+        if (owner) owner->chns.removeAll(this);
     }
-    for (const VeskHost::Binding& b : qAsConst(mine)) hi_mpi_sys_unbind(&b.src, &b.dst);
+    // What the channel fed, or stood for, stops being fed.
+    unbindTied(teeId, index);
     if (vpss && vpss->id >= 0) hi_mpi_vpss_disable_chn(vpss->id, index);
     delete vpss;
 }
@@ -265,6 +324,17 @@ int HiVpss::getId()
     return id;
 }
 
+// A pair the platform bound is recorded once, however often it is bound
+// again: a display binds its stream anew on every configuration and every
+// announcement. The record goes, and the pair is unbound, with the tee
+// channel it is tied to.
+//
+// A channel's own bindings are tied to it. A binding straight from a tee's
+// source (a display at low latency) passes by the channel its caller took of
+// that tee, and the host cannot see who holds which channel: it ties the
+// binding to the newest channel of the tee that no other such binding stands
+// for, which is the one the display took last. Without one, the binding goes
+// with the tee.
 int VeskHi::bind(int srcModule, int srcDevice, int srcChannel, int dstModule, int dstDevice,
                  int dstChannel)
 {
@@ -273,7 +343,17 @@ int VeskHi::bind(int srcModule, int srcDevice, int srcChannel, int dstModule, in
     b.dst = ot_mpp_chn{dstModule, dstDevice, dstChannel};
     const int r = hi_mpi_sys_bind(&b.src, &b.dst);
     if (r != 0) return 0;
+    QMutexLocker teeLock(&teeMutex);
     QMutexLocker lock(&bindMutex);
+    if (recorded(b)) return 1;
+    const VeskTee* from = nullptr;
+    for (const VeskTee* tee : qAsConst(tees))
+        if (sameChn(tee->source, b.src)) from = tee;  // the newest of that source
+    if (from) {
+        b.teeId = from->id;
+        for (int i = from->chns.size() - 1; i >= 0 && b.chnIndex < 0; --i)
+            if (!standsFor(from, from->chns[i]->index)) b.chnIndex = from->chns[i]->index;
+    }
     bindList.append(b);
     return 1;
 }
@@ -289,7 +369,7 @@ int VeskHi::bindFromTee(VeskTeeChn* chn, int dstModule, int dstDevice, int dstCh
     const int r = hi_mpi_sys_bind(&b.src, &b.dst);
     if (r != 0) return 0;
     QMutexLocker lock(&bindMutex);
-    bindList.append(b);
+    if (!recorded(b)) bindList.append(b);
     return 1;
 }
 

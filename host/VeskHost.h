@@ -47,12 +47,13 @@ int pendingPackets(const VeskObject* node, LinkKind kind);
 
 QVariantMap streamInfoToVariant(const VeskObject::StreamInfo& info);
 
-// The record of VeskHi::bind and VeskHi::bindFromTee calls, oldest first.
+// The pairs bound through VeskHi::bind and VeskHi::bindFromTee, one entry
+// a pair, oldest first.
 struct Binding {
     ot_mpp_chn src{0, 0, 0};
     ot_mpp_chn dst{0, 0, 0};
-    int teeId = 0;  // 0 when the source is not a tee channel
-    int chnIndex = -1;
+    int teeId = 0;      // the tee whose channel (or whole) the pair goes with; 0: none
+    int chnIndex = -1;  // that channel; -1: the tee itself
 };
 QList<Binding> bindings();
 void clearBindings();

@@ -222,13 +222,12 @@ QVariant invokeHere(VeskObject* self, const QString& method, const QVariant& arg
                                     .arg(self->name(), method, QLatin1String(mo->className()));
         return QVariant();
     }
+    // From here on a method of that name exists; one whose parameters do
+    // not fit the argument fails without a word, as a node's callers expect
+    // of a call by name.
     const QMetaMethod m = mo->method(index);
     const int n = m.parameterCount();
-    if (n > 10) {
-        qWarning().noquote() << QStringLiteral("[%1] invoke: \"%2\" takes too many arguments")
-                                    .arg(self->name(), method);
-        return QVariant();
-    }
+    if (n > 10) return QVariant();
 
     QVariantList values;
     if (n > 1 && arg.userType() == QMetaType::QVariantList)
@@ -243,11 +242,7 @@ QVariant invokeHere(VeskObject* self, const QString& method, const QVariant& arg
         // A single value wrapped in a list is meant as that value.
         if (!ok && n == 1 && in.userType() == QMetaType::QVariantList && in.toList().size() == 1)
             ok = prepare(in.toList().first(), m, i, &args[i]);
-        if (!ok)
-            qWarning().noquote() << QStringLiteral("[%1] invoke: \"%2\": argument %3 is not a %4")
-                                        .arg(self->name(), method)
-                                        .arg(i + 1)
-                                        .arg(QLatin1String(args[i].typeName));
+        if (!ok) return QVariant();
     }
 
     QVariant result;
@@ -263,12 +258,7 @@ QVariant invokeHere(VeskObject* self, const QString& method, const QVariant& arg
         m.invoke(self, Qt::DirectConnection, ret, args[0].generic(), args[1].generic(),
                  args[2].generic(), args[3].generic(), args[4].generic(), args[5].generic(),
                  args[6].generic(), args[7].generic(), args[8].generic(), args[9].generic());
-    if (!ok) {
-        qWarning().noquote()
-            << QStringLiteral("[%1] invoke: calling \"%2\" failed").arg(self->name(), method);
-        return QVariant();
-    }
-    return result;
+    return ok ? result : QVariant();
 }
 
 }  // namespace

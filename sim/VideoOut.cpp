@@ -163,6 +163,21 @@ QImage rampPicture(int w, int h)
     return img;
 }
 
+// A group's contrast: each component spread around mid-grey by
+// (100 + contrast) percent.
+QImage withContrast(const QImage& src, int contrast)
+{
+    QImage img = src.convertToFormat(QImage::Format_RGB32);
+    const int gain = 100 + contrast;
+    auto spread = [gain](int c) { return int(clamp8(128 + (c - 128) * gain / 100)); };
+    for (int r = 0; r < img.height(); ++r) {
+        auto* line = reinterpret_cast<QRgb*>(img.scanLine(r));
+        for (int x = 0; x < img.width(); ++x)
+            line[x] = qRgb(spread(qRed(line[x])), spread(qGreen(line[x])), spread(qBlue(line[x])));
+    }
+    return img;
+}
+
 // Puts `src` into `dst` with its top left corner at `at`, cut to `dst`.
 void blit(QImage& dst, const QImage& src, QPoint at)
 {
@@ -608,6 +623,7 @@ struct Composer {
         else if (grpPicture[src.dev_id])
             img = grpPicture[src.dev_id]->toImage();
         if (img.isNull()) return img;
+        if (g.param.contrast != 0) img = withContrast(img, g.param.contrast);
         if (c.attr.width > 0 && c.attr.height > 0)
             img = img.scaled(int(c.attr.width), int(c.attr.height));
         return img.mirrored(c.attr.mirror != 0, c.attr.flip != 0);
@@ -888,6 +904,29 @@ td_s32 hi_mpi_vpss_set_grp_attr(ot_vpss_grp grp, const ot_vpss_grp_attr* attr)
             attr->max_height > OT_VPSS_MAX_HEIGHT)
             return OT_ERR_VPSS_ILLEGAL_PARAM;
         v.grp[grp].attr = *attr;
+        return TD_SUCCESS;
+    });
+}
+
+td_s32 hi_mpi_vpss_get_grp_param(ot_vpss_grp grp, ot_vpss_grp_param* param)
+{
+    return run("hi_mpi_vpss_get_grp_param", {grp}, [&](Impl& v) {
+        if (!validGrp(grp)) return OT_ERR_VPSS_INVALID_GRP_ID;
+        if (!param) return OT_ERR_VPSS_NULL_PTR;
+        if (!v.grp[grp].created) return OT_ERR_VPSS_UNEXIST;
+        *param = v.grp[grp].param;
+        return TD_SUCCESS;
+    });
+}
+
+td_s32 hi_mpi_vpss_set_grp_param(ot_vpss_grp grp, const ot_vpss_grp_param* param)
+{
+    return run("hi_mpi_vpss_set_grp_param", {grp, param ? param->contrast : 0}, [&](Impl& v) {
+        if (!validGrp(grp)) return OT_ERR_VPSS_INVALID_GRP_ID;
+        if (!param) return OT_ERR_VPSS_NULL_PTR;
+        if (!v.grp[grp].created) return OT_ERR_VPSS_UNEXIST;
+        if (param->contrast < -100 || param->contrast > 100) return OT_ERR_VPSS_ILLEGAL_PARAM;
+        v.grp[grp].param = *param;
         return TD_SUCCESS;
     });
 }

@@ -53,6 +53,7 @@ public:
         bool created = false;
         bool started = false;
         ot_vpss_grp_attr attr{};
+        ot_vpss_grp_param param{};  // applied to what every channel hands on
         VpssChn chn[OT_VPSS_MAX_CHN_NUM];
         quint64 framesIn = 0;  // pictures sent by a node
     };

@@ -63,10 +63,8 @@ void DriverVesk::init()
     }
     // The board's set-up waits here until the microcontroller has spoken.
     for (;;) {
-        bool told = false;
+        // Every setting again from the baud rate until all of them take.
         while (!setLine()) {
-            if (!told) qDebug() << "tty settings refused, trying again:" << com->errorString();
-            told = true;
         }
         if (com->isOpen()) {
             if (com->waitForReadyRead(3000) && !com->readAll().isEmpty()) break;
@@ -102,8 +100,10 @@ void DriverVesk::writeLine(const QByteArray& bytes)
         qDebug() << "mcu: no line yet, command not sent:" << bytes;
         return;
     }
-    // Other nodes send from their own threads; the port's notifiers only
-    // work in the port's thread, so the write is handed over to it.
+    // Other nodes (the device node, the display) send from their own
+    // threads. QSerialPort is not thread-safe: a second thread writing into
+    // it while the line's thread reads or writes can corrupt its buffers, so
+    // the write is handed over to the line's thread and runs there.
     if (QThread::currentThread() == port->thread())
         port->write(bytes);
     else
@@ -214,14 +214,9 @@ void DriverVesk::onCheck()
 
     const int lock_ = status.value("lock").toInt();
     const QStringList protocols = data.value("protocols").toStringList();
-    const int index = std::max(lock_ - 1, 0);
-    if (index >= protocols.size() && warnedProtocol != index) {
-        qDebug() << "mcu: input" << name << "reports protocol" << index + 1
-                 << "but \"protocols\" has" << protocols.size();
-        warnedProtocol = index;
-    }
     work["avalible"] = lock_ > 0;
-    work["protocol"] = protocols.value(index);
+    // A number past the configured names reads as an empty name.
+    work["protocol"] = protocols.value(std::max(lock_ - 1, 0));
     work["width"] = status.value("w").toInt();
     work["height"] = status.value("h").toInt();
     work["framerate"] = status.value("f").toInt();

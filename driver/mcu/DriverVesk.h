@@ -62,5 +62,4 @@ private:
     void writeLine(const QByteArray& bytes);
 
     McuFramer received;
-    int warnedProtocol = -1;
 };

@@ -17,8 +17,6 @@ void McuFramer::append(const QByteArray& block)
 {
     const char* nul = static_cast<const char*>(std::memchr(block.constData(), 0, block.size()));
     const int len = nul ? int(nul - block.constData()) : block.size();
-    if (nul)
-        qDebug() << "mcu: NUL in a block from the line, dropped" << block.size() - len << "bytes";
     buffer += QString::fromUtf8(block.constData(), len);
 }
 
@@ -60,9 +58,13 @@ QVariantMap dispatch(QObject* target, const QString& text, bool* handled)
         const QMetaObject* mo = target->metaObject();
         for (int i = 0; i < mo->methodCount(); ++i) {
             if (mo->method(i).name() != name) continue;
-            ok = QMetaObject::invokeMethod(target, name.constData(), Qt::DirectConnection,
-                                           Q_ARG(QVariantMap, msg));
-            if (!ok) qDebug() << "mcu: command" << cmd << "does not take a message, ignored";
+            // Called by name with the message as its one argument. A method of
+            // that name without such a parameter list is not called, and the
+            // frame goes without a word (Qt's own complaint included).
+            const int fit = mo->indexOfMethod(
+                QMetaObject::normalizedSignature(name + "(QVariantMap)").constData());
+            if (fit >= 0)
+                ok = mo->method(fit).invoke(target, Qt::DirectConnection, Q_ARG(QVariantMap, msg));
             break;
         }
     }

@@ -30,9 +30,10 @@ private:
 
 namespace mcu {
 
-// Decodes one frame's text and invokes the method of `target` named by its
-// "Cmd" with the whole map, directly; the first method of that name wins.
-// Returns the decoded map (empty for text that is not a JSON object).
+// Decodes one frame's text and, if `target` has a method named by its "Cmd",
+// calls it by that name with the whole map, directly. When no method of that
+// name takes such a map, nothing is called and nothing is said. Returns the
+// decoded map (empty for text that is not a JSON object).
 QVariantMap dispatch(QObject* target, const QString& text, bool* handled = nullptr);
 
 // Events: "read" (bytes of one block), "frame" ({"raw","message","handled"}),

@@ -1,6 +1,5 @@
 #include "driver/video/Driver6911UXC.h"
 
-#include <QDebug>
 #include <QThread>
 #include <cmath>
 
@@ -41,17 +40,20 @@ int Driver6911UXC::reg(unsigned bus, unsigned r)
     return read(bus, kChip, r, 1, 1) & 0xFF;
 }
 
+int Driver6911UXC::pair(unsigned bus, unsigned r)
+{
+    const int high = reg(bus, r);
+    return high << 8 | reg(bus, r + 1);
+}
+
 void Driver6911UXC::init()
 {
     if (data.contains("gpio")) gpioName = data.value("gpio").toString();
     const Pad* pad = nullptr;
     for (const Pad& p : kPads)
         if (gpioName.compare(QLatin1String(p.line), Qt::CaseInsensitive) == 0) pad = &p;
-    if (pad)
-        vsys::system(QString::asprintf("himm 0x%lX 0x%X", pad->reg, pad->value).toLatin1());
-    else
-        qDebug("6911uxc: no pad set-up known for %s, taken as a GPIO already",
-               qPrintable(gpioName));
+    // A line not in the list is taken as a GPIO already.
+    if (pad) vsys::system(QString::asprintf("himm 0x%lX 0x%X", pad->reg, pad->value).toLatin1());
 
     gpio = new VeskGPIO(this);
     gpio->start();
@@ -69,15 +71,20 @@ void Driver6911UXC::onEvent(QString type, QVariant line)
     write(bus, kChip, kPage, 0x80, 1, 1);
     write(bus, kChip, 0xEE, 0x01, 1, 1);
     write(bus, kChip, kPage, 0x86, 1, 1);
-    const int halfWidth = reg(bus, 0x80) << 8 | reg(bus, 0x81);
-    const int htotal = reg(bus, 0x7A) << 8 | reg(bus, 0x7B);
-    const int vtotal = reg(bus, 0x7C) << 8 | reg(bus, 0x7D);
-    int height = reg(bus, 0x7E) << 8 | reg(bus, 0x7F);
+    // One read a statement, so that the bus sees the registers in the order
+    // given here: the operands of a single expression would be read in
+    // whatever order the compiler picks.
+    const int halfWidth = pair(bus, 0x80);
+    const int htotal = pair(bus, 0x7A);
+    const int vtotal = pair(bus, 0x7C);
+    const int height = pair(bus, 0x7E);
 
     write(bus, kChip, kPage, 0x85, 1, 1);
     write(bus, kChip, 0x40, 0x21, 1, 1);
     QThread::msleep(10);  // the chip counts the pixel clock meanwhile
-    const int count = (reg(bus, 0x48) & 0x0F) << 16 | reg(bus, 0x49) << 8 | reg(bus, 0x4A);
+    int count = (reg(bus, 0x48) & 0x0F) << 16;
+    count |= reg(bus, 0x49) << 8;
+    count |= reg(bus, 0x4A);
 
     write(bus, kChip, kPage, 0x80, 1, 1);
     write(bus, kChip, 0xEE, 0x00, 1, 1);

@@ -26,4 +26,6 @@ public slots:
 
 private:
     int reg(unsigned bus, unsigned r);
+    // Registers r and r + 1, high byte first.
+    int pair(unsigned bus, unsigned r);
 };

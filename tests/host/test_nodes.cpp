@@ -156,6 +156,9 @@ TEST(Nodes, SetDataReportsRealChangesInvokeAndShareNameThreads)
     EXPECT_FALSE(p->invoke("touch").isValid());
     EXPECT_TRUE(p->touched);
     EXPECT_FALSE(p->invoke("noSuchMethod", 1).isValid());
+    // A method of that name whose parameters the argument does not fit is
+    // not called.
+    EXPECT_FALSE(p->invoke("add", QVariantList{"forty", 2}).isValid());
     EXPECT_EQ(g.invoke("d", "whereAmI").toString(), "custom");
 }
 

@@ -120,6 +120,33 @@ TEST(Tees, AreProcessingGroupsBoundToTheirSourceAndSinks)
     vsim::Board::instance().deactivate();
 }
 
+// Nodes take and drop channels of one tee from their own threads at once:
+// the list stays whole and two living channels never share a number.
+TEST(Tees, ChannelsComeAndGoFromTwoThreadsAtOnce)
+{
+    auto* tee = new VeskTee;  // no group behind it: nothing but the list is busy
+    std::atomic<int> holders[8] = {};
+    std::atomic<bool> shared{false};
+    auto churn = [&] {
+        for (int i = 0; i < 100000; ++i) {
+            VeskTeeChn* a = tee->newChn(false, false);
+            VeskTeeChn* b = tee->newChnIPC();
+            for (VeskTeeChn* c : {a, b})
+                if (c->index < 0 || c->index >= 8 || holders[c->index]++ != 0) shared = true;
+            for (VeskTeeChn* c : {a, b}) {
+                if (c->index >= 0 && c->index < 8) holders[c->index]--;
+                delete c;
+            }
+        }
+    };
+    std::thread one(churn), two(churn);
+    one.join();
+    two.join();
+    EXPECT_FALSE(shared);
+    EXPECT_TRUE(tee->chns.isEmpty());
+    VeskHi::delTee(tee);
+}
+
 TEST(CopyEngine, FramesHaveAlignedWritablePlanesAndCopiesStayInsideBoth)
 {
     ot_video_frame_info s = VeskHi::makeFrame(64, 32, nullptr);

@@ -153,6 +153,9 @@ TEST_F(McuLine, FramesAreCutAtTheDelimiterWhateverTheReads)
         {"several kilobytes", {{keyFrame("big", 6000), "big:press"}}},
         {"delimiter split", {{keyFrame("h").chopped(3), ""}, {"###", "h:press"}}},
     };
+    logged.clear();
+    qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext&, const QString& t) { logged << t; });
     for (const auto& row : table) {
         for (const Write& w : row.second) {
             panel->keys.clear();
@@ -163,6 +166,10 @@ TEST_F(McuLine, FramesAreCutAtTheDelimiterWhateverTheReads)
             EXPECT_EQ(panel->keys.join(" "), w.keys) << row.first;
         }
     }
+    qInstallMessageHandler(nullptr);
+    // A method of the command's name that takes no message fails silently.
+    EXPECT_FALSE(logged.join("\n").contains("onTimer") || logged.join("\n").contains("keyPress"))
+        << logged.join("\n").toStdString();
     // The "#" left of a delimiter heads the frame after it.
     EXPECT_TRUE(events.last().second.toMap().value("raw").toString().startsWith("#{"));
 }
