@@ -1,9 +1,11 @@
 #include "sim/EmuMS7200.h"
 
 #include <QDebug>
+#include <chrono>
 #include <cmath>
 
 #include "driver/video/ms7200/ms7200_regs.h"
+#include "sim/BoardClock.h"
 
 using namespace ms7200reg;
 
@@ -132,8 +134,11 @@ void Ms7200Chip::onWrite(uint16_t r, uint8_t value)
     };
     if (clearIn(kHdmiStatus, kHdmiStatusClr) || clearIn(kMdtStatus, kMdtStatusClr)) return;
     if (clearIn(kPktStatus, kPktStatusClr)) {
-        // Info frames come with every frame: their bits are back at once.
-        setWordLocked(kPktStatus, wordLocked(kPktStatus) | pktSticky);
+        if (uint8_t(pktEveryFrame >> (8 * (r - kPktStatusClr))) & value) {
+            pktCleared = true;
+            clearedHeld = BoardClock::instance().held();
+            clearedUs = boardUs();
+        }
         return;
     }
     if (r == kPhyPllStatus) {
@@ -152,6 +157,31 @@ void Ms7200Chip::onWrite(uint16_t r, uint8_t value)
     } else if (r == kErrDetClear) {
         updateCounters();
     }
+}
+
+int64_t Ms7200Chip::boardUs()
+{
+    BoardClock& c = BoardClock::instance();
+    if (c.held()) return c.nowUs();
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+bool Ms7200Chip::i2cRead(uint8_t* buf, size_t len)
+{
+    {
+        std::lock_guard<std::mutex> g(lock);
+        // The next field brings the info frames again. A clock held or let
+        // go since the clear counts as time gone by.
+        if (pktCleared && fieldRate > 0 &&
+            (BoardClock::instance().held() != clearedHeld ||
+             boardUs() - clearedUs >= int64_t(1e6 / fieldRate))) {
+            setWordLocked(kPktStatus, wordLocked(kPktStatus) | pktEveryFrame);
+            pktCleared = false;
+        }
+    }
+    return RegisterChip::i2cRead(buf, len);
 }
 
 void Ms7200Chip::setSource(const QVariantMap& s)
@@ -220,6 +250,7 @@ void Ms7200Chip::setSource(const QVariantMap& s)
     regs[kHdmiMode] = present ? 1 : 0;
     regs[kAviInfo] = uint8_t(t.vic);
     regs[kAviInfo + 1] = 0;
+    regs[kAviInfo + 4] = uint8_t(s.value("colorSpace").toInt() & 0x03);
     regs[kAifInfo] = fs > 0 ? 1 : 0;
     regs[kAifInfo + 1] = aifRateCode(fs);
     regs[kAifInfo + 2] = fs > 0 ? 1 : 0;
@@ -239,8 +270,10 @@ void Ms7200Chip::setSource(const QVariantMap& s)
                             m.value("interlace").toBool(), m.value("measureZero").toBool()};
     };
     if (fmt(old) != fmt(s) || wasPresent != present) mdt |= kEvMdtMask;
-    pktSticky = present ? (kEvPktAvi | (width >= 3840 ? (kEvPktVsi | kEvPktVsi2) : 0)) : 0;
-    pkt = (pkt & ~(kEvPktAvi | kEvPktVsi | kEvPktVsi2)) | pktSticky;
+    pktEveryFrame = present ? (kEvPktAvi | (width >= 3840 ? (kEvPktVsi | kEvPktVsi2) : 0)) : 0;
+    pkt = (pkt & ~(kEvPktAvi | kEvPktVsi | kEvPktVsi2)) | pktEveryFrame;
+    pktCleared = false;
+    fieldRate = present ? rate : 0;
     if (present && old.value("samplerate", 48000) != s.value("samplerate", 48000))
         pkt |= 0x01000000 | 0x400000;
     setWordLocked(kHdmiStatus, hdmi);

@@ -15,8 +15,6 @@ public:
     explicit DriverTC7509(QObject* parent = nullptr);
     ~DriverTC7509() override;
 
-    static const unsigned char Default_Edid_Block[256];
-
     int GetVideoState();
     int GetAudioSamplingRate();
     QMap<QString, QVariant> diagnostics() override;

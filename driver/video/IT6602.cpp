@@ -147,9 +147,8 @@ void IT6602Class::IT6602_Rst()
 {
     hdmirxwr(REG_RST, RST_SW | RST_AUDIO);
     hdmirxwr(REG_RST, 0);
-    // What happened before the reset is no longer news.
-    hdmirxwr(REG_INT_P0, 0xFF);
-    hdmirxwr(REG_INT_P1, 0xFF);
+    // Pending interrupts are left alone: a source plugged in before power-up
+    // is announced by its 5 V change, and only events move the machine.
     DisableOverWriteRS(0);
     DisableOverWriteRS(1);
 }
@@ -180,9 +179,8 @@ void IT6602Class::IT6602_fsm_init()
     for (int i = 0; i < 256 && i < edid.size(); i++) wr(edidAddr, uint8_t(i), uint8_t(edid[i]));
     hdmirxset(REG_EDID_CTRL, 0x20, 0x00);
     hdmirxset(REG_PORT, 0x01, 0x00);
-    // The interrupts were cleared with the reset: start from what the port
-    // shows now, so that a source plugged in before power-up is seen.
-    IT6602SwitchVideoState((portStatus(0) & STATUS_5V) ? VSTATE_SyncWait : VSTATE_SWReset);
+    // No state is entered here: the machine stays in VSTATE_Off until the
+    // first power or sync event.
 }
 
 void IT6602Class::it6602HPDCtrl(int port, bool on)
@@ -296,7 +294,6 @@ void IT6602Class::hdmirx_INT_5V_Pwr_Chg(int port)
     if (port == activePort()) {
         IT6602SwitchVideoState(on ? VSTATE_SyncWait : VSTATE_SWReset);
         it6602HPDCtrl(port, on);
-        if (!on) IT6602SwitchAudioState(ASTATE_AudioOff);
         return;
     }
     it6602HPDCtrl(port, on);
@@ -429,6 +426,8 @@ void IT6602Class::HDMISetEQValue(int port, uint8_t value)
 
 void IT6602Class::HDMIAdjustEQ(int port)
 {
+    // One step a pass: 20 to settle, 60 to measure the three values, then
+    // the only jumps, 80 to 156 and 81 or 156 to the end.
     uint8_t& step = dev->m_EQStep[port];
     if (step == 255) {
         dev->m_EQActive[port] = 0;
@@ -454,8 +453,9 @@ void IT6602Class::HDMIAdjustEQ(int port)
 
 void IT6602Class::HDMICheckSCDTon(int port)
 {
-    // With sync there is nothing to wait for: measure from the next pass.
-    if ((portStatus(port) & STATUS_SCDT) && dev->m_EQStep[port] < 19) dev->m_EQStep[port] = 19;
+    // Sync found while the run settles: what WaitingForSCDT counted is stale.
+    // The run itself goes on at one step a pass and measures all the same.
+    if (portStatus(port) & STATUS_SCDT) dev->m_ucSCDTOffCount = 0;
 }
 
 void IT6602Class::HDMIPollingErrorCount(int port)

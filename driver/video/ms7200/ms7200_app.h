@@ -29,12 +29,9 @@ public:
     void ms7200_media_service();
     void SendResReport();
 
+    // For the driver's diagnostics, from other threads.
     int stableCount() const;
     QVector<int> eqGains() const;
-    // "no clock", "PHY settling", "waiting for timing" or "running".
-    const char* stage() const;
-    uint16_t tmdsClock() const { return m_u16_tmds_clk; }
-    uint16_t audioRate() const { return m_u16_audio_rate; }
 
 private:
     void configureOutput();

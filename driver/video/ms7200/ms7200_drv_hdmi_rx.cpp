@@ -140,6 +140,8 @@ bool CMs7200drvHdmiRx::timingFromRaw(const RawTiming& raw, _T_MS7200_VIDEO_TIMIN
     uint16_t rate = uint16_t(uint64_t(432000000u / raw.period) * 100 / vtotal);
     uint16_t vactive = raw.vactive;
     if (!progressive) {
+        // A frame's lines from here on; DriverTC7509 doubles interlaced
+        // heights once more, and that is kept.
         rate = uint16_t(rate * 2);
         vactive = uint16_t(vactive * 2);
     }
@@ -183,11 +185,6 @@ uint32_t CMs7200drvHdmiRx::ms7200drv_hdmi_rx_get_and_clear_events(uint16_t statu
     uint32_t ev = ms7200_HAL_ReadDWord_Ex(statusReg) & mask;
     if (ev) ms7200_HAL_WriteDWord_Ex(clearReg, ev);
     return ev;
-}
-
-uint32_t CMs7200drvHdmiRx::ms7200drv_hdmi_rx_packet_events()
-{
-    return ms7200_HAL_ReadDWord_Ex(kPktStatus) & kEvPktMask;
 }
 
 uint16_t CMs7200drvHdmiRx::ms7200drv_hdmi_rx_get_tmds_clk()

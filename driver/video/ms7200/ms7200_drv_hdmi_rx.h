@@ -83,7 +83,6 @@ public:
     void ms7200drv_hdmi_rx_init();
     uint32_t ms7200drv_hdmi_rx_get_and_clear_events(uint16_t statusReg, uint16_t clearReg,
                                                     uint32_t mask);
-    uint32_t ms7200drv_hdmi_rx_packet_events();
     uint16_t ms7200drv_hdmi_rx_get_tmds_clk();
     bool ms7200drv_hdmi_rx_get_input_timing(_T_MS7200_VIDEO_TIMING_* timing);
     void ms7200drv_hdmi_rx_get_input_config(_T_HDMI_CONFIG_PARA_* cfg, uint32_t pktEvents);
