@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# Fault endurance on the virtual board: the USB camera, microphone and
-# speaker are pulled out and put back while their nodes run, each cycle
-# ending in capture and playback again; the open descriptors and resident
-# memory are printed after the first cycles and at the end, and must not
-# grow. `scripts/soak.sh` does 100 cycles (about seven minutes); the test
-# command runs `scripts/soak.sh --cycles 3`.
+# scripts/soak.sh [--minutes M | --cycles N] [appliance-soak options]: the
+# whole appliance on the virtual board under faults that repeat in cycles of
+# 45 s, against real peers on 127.0.0.1 (ffmpeg, scripts/rtsp-server.py);
+# memory, descriptors and threads must not grow and every fault must be
+# recovered from. Default: ten minutes. Output in /tmp/vesk-soak (--out DIR):
+# samples.csv, nodes.csv, checks.csv, soak.png. VESK_BUILD names the build
+# (default build/; the test command runs it in build-asan).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 build=${VESK_BUILD:-$top/build}
-if [ ! -x "$build/bench/usb-soak" ]; then
+if [ ! -x "$build/bench/appliance-soak" ]; then
   "$top/scripts/build.sh" "$build"
 fi
-exec "$build/bench/usb-soak" "$@"
+exec "$build/bench/appliance-soak" "$@"
