@@ -3,6 +3,8 @@
 // and clock settings come from scenario steps with their own time stamps.
 #include <sys/ioctl.h>
 
+#include <memory>
+
 #include "device/VeskDevice.h"
 #include "device/VeskGPIO.h"
 #include "driver/Driver.h"
@@ -233,7 +235,7 @@ TEST_F(Devices, ClockFromWallTime)
 TEST_F(Devices, Receiver6911FollowsItsLine)
 {
     Board::instance().addChip("hdmi1", "6911uxc", {{"bus", 2}, {"gpio", "GPIO3_1"}});
-    auto* drv = static_cast<Driver6911UXC*>(Driver::createV("6911uxc"));
+    std::unique_ptr<Driver6911UXC> drv(static_cast<Driver6911UXC*>(Driver::createV("6911uxc")));
     drv->setData({{"addr", 2}, {"gpio", "GPIO3_1"}});
     drv->init();
     EXPECT_TRUE(Board::instance().commands().contains("himm 0x10FF0064 0x0"));
