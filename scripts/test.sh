@@ -25,7 +25,8 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 
 echo "== soak, sanitizer build (a few minutes of the whole appliance under faults)"
 # A small quarantine keeps freed memory from counting as resident growth.
-ASAN_OPTIONS=detect_leaks=0:abort_on_error=1:quarantine_size_mb=16 \
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:quarantine_size_mb=16 \
+  LSAN_OPTIONS="suppressions=$top/tests/lsan.supp:print_suppressions=0" \
   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   VESK_BUILD="$top/build-asan" "$top/scripts/soak.sh" --minutes 3 --out /tmp/vesk-soak-asan
 
