@@ -99,8 +99,11 @@ void Driver::initV()
     static bool inited = false;
     if (inited) return;
     inited = true;
+    buildV(Vesk::getConfig());
+}
 
-    QVariantMap config = Vesk::getConfig();
+void Driver::buildV(const QVariantMap& config)
+{
     QVariantMap video = config.value("interfaceV").toMap();
     QVariantMap audio = config.value("interfaceA").toMap();
     for (auto it = video.constBegin(); it != video.constEnd(); ++it) {
@@ -119,8 +122,11 @@ void Driver::initA()
     static bool inited = false;
     if (inited) return;
     inited = true;
+    buildA(Vesk::getConfig());
+}
 
-    QVariantMap config = Vesk::getConfig();
+void Driver::buildA(const QVariantMap& config)
+{
     QVariantMap video = config.value("interfaceV").toMap();
     QVariantMap audio = config.value("interfaceA").toMap();
     for (auto it = audio.constBegin(); it != audio.constEnd(); ++it) {

@@ -16,6 +16,11 @@ public:
 
     static void initV();
     static void initA();
+    // What initV and initA do once, for the board description given: the
+    // drivers of its "interfaceV" (shared into the audio map where the audio
+    // entry has a chip) or of its "interfaceA".
+    static void buildV(const QVariantMap& config);
+    static void buildA(const QVariantMap& config);
     static QMap<QString, QVariant> getInfoV(QString name);
     static QMap<QString, QVariant> getInfoA(QString name);
     static int getSamplerate(QString name);

@@ -116,6 +116,25 @@ bool findAlsaDev(QMap<QString, QVariant>& data, int32_t& card)
     return true;
 }
 
+void captureFormat(const QByteArray& stream0, QMap<QString, QVariant>& data)
+{
+    QByteArray raw = stream0;
+    const int nul = raw.indexOf('\0');
+    if (nul >= 0) raw.truncate(nul);
+    QString text = QString::fromLocal8Bit(raw);
+    text.remove(QLatin1Char('\n'));
+    text.remove(QLatin1Char('\r'));
+    // The first format of the capture side; without one, the text is taken
+    // as it is.
+    text = text.mid(text.indexOf(QLatin1String("Capture")));
+    text.remove(QLatin1Char(' '));
+    text.remove(QLatin1Char('\t'));
+    const int ch = text.indexOf(QLatin1String("Channels"));
+    const int rates = text.indexOf(QLatin1String("Rates"));
+    data["channels"] = text.mid(ch + 9, 1).toInt();
+    data["samplerate"] = text.mid(rates + 6, 5).toInt();
+}
+
 void applyInterface(QMap<QString, QVariant>& data)
 {
     const QString iface = data.value("interface").toString();

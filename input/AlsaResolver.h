@@ -28,6 +28,12 @@ QString idToPath(const QString& path, const QString& id, int32_t& card);
 // `lnk`: USB ports separated by "|"; the last card that sits in one wins.
 QString lkToPath(const QString& path, const QString& lnk, int32_t& card);
 
+// The card's capture format from the text of its "stream0" entry: the
+// first format of the capture side gives data["channels"] (one digit) and
+// data["samplerate"] (five digits). Without a capture side the whole text
+// is read.
+void captureFormat(const QByteArray& stream0, QMap<QString, QVariant>& data);
+
 // A board names its sound cards: the entry of data["interface"] in the
 // board's "interfaceA" gives "alsa" as the device name and overwrites or
 // adds every other key.

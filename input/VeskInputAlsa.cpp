@@ -123,21 +123,8 @@ void VeskInputAlsa::init()
         const QString stream0 = QStringLiteral("/proc/asound/card%1/stream0").arg(card);
         if (vsys::exists(stream0)) {
             QFile f(vsys::path(stream0));
-            QByteArray raw = f.open(QIODevice::ReadOnly) ? f.read(1 << 16) : QByteArray();
-            const int nul = raw.indexOf('\0');
-            if (nul >= 0) raw.truncate(nul);
-            QString text = QString::fromLocal8Bit(raw);
-            text.remove(QLatin1Char('\n'));
-            text.remove(QLatin1Char('\r'));
-            // The first format of the capture side; without one, the text
-            // is taken as it is.
-            text = text.mid(text.indexOf(QLatin1String("Capture")));
-            text.remove(QLatin1Char(' '));
-            text.remove(QLatin1Char('\t'));
-            const int ch = text.indexOf(QLatin1String("Channels"));
-            const int rates = text.indexOf(QLatin1String("Rates"));
-            data["channels"] = text.mid(ch + 9, 1).toInt();
-            data["samplerate"] = text.mid(rates + 6, 5).toInt();
+            AlsaResolver::captureFormat(
+                f.open(QIODevice::ReadOnly) ? f.read(1 << 16) : QByteArray(), data);
         }
     }
 

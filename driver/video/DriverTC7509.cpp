@@ -33,32 +33,33 @@ void DriverTC7509::init()
     dev.i2c_num = data.value("i2c_num", dev.gpio_i2c ? -1 : 0).toInt();
     if (data.contains("chip_swapYC")) it.swapYC = data.value("chip_swapYC").toBool();
     it.mode = data.value("mode").toString();
-    if (data.contains("colorMode")) {
-        it.colorMode = data.value("colorMode").toInt();
-    } else {
-        QFile f(vsys::path("/vesk/config/edid/colorMode"));
-        if (f.open(QIODevice::ReadOnly)) {
-            bool ok = false;
-            const int v = QString::fromLatin1(f.readAll()).trimmed().toInt(&ok);
-            if (ok)
-                it.colorMode = v;
-            else
-                qDebug() << "TC7509: /vesk/config/edid/colorMode holds no number; colour mode 0";
-        }
-    }
-    it.edid = QByteArray(reinterpret_cast<const char*>(Default_Edid_Block.data()), 256);
-    QFile f(vsys::path("/vesk/config/edid/edid.bin"));
-    if (f.open(QIODevice::ReadOnly)) {
-        const QByteArray bytes = f.read(256);
-        if (bytes.size() == 256)
-            it.edid = bytes;
-        else
-            qDebug(
-                "TC7509: /vesk/config/edid/edid.bin holds %d bytes, not 256; the built-in EDID "
-                "is used",
-                int(bytes.size()));
-    }
+    it.colorMode = colorModeOf(data);
+    it.edid = edidOf();
     worker->start(QThread::Priority(7));
+}
+
+int DriverTC7509::colorModeOf(const QMap<QString, QVariant>& data)
+{
+    if (data.contains("colorMode")) return data.value("colorMode").toInt();
+    QFile f(vsys::path("/vesk/config/edid/colorMode"));
+    if (!f.open(QIODevice::ReadOnly)) return 0;
+    bool ok = false;
+    const int v = QString::fromLatin1(f.readAll()).trimmed().toInt(&ok);
+    if (ok) return v;
+    qDebug() << "TC7509: /vesk/config/edid/colorMode holds no number; colour mode 0";
+    return 0;
+}
+
+QByteArray DriverTC7509::edidOf()
+{
+    const QByteArray builtIn(reinterpret_cast<const char*>(Default_Edid_Block.data()), 256);
+    QFile f(vsys::path("/vesk/config/edid/edid.bin"));
+    if (!f.open(QIODevice::ReadOnly)) return builtIn;
+    const QByteArray bytes = f.read(256);
+    if (bytes.size() == 256) return bytes;
+    qDebug("TC7509: /vesk/config/edid/edid.bin holds %d bytes, not 256; the built-in EDID is used",
+           int(bytes.size()));
+    return builtIn;
 }
 
 int DriverTC7509::GetVideoState()

@@ -20,6 +20,13 @@ public:
     QMap<QString, QVariant> diagnostics() override;
     TC7509* thread() const { return worker; }
 
+    // What init hands the receiver. The colour mode: the board's
+    // "colorMode", else the number in /vesk/config/edid/colorMode, else 0.
+    // The EDID: the first 256 bytes of /vesk/config/edid/edid.bin when it
+    // has that many, else the built-in one.
+    static int colorModeOf(const QMap<QString, QVariant>& data);
+    static QByteArray edidOf();
+
 public slots:
     void init() override;
     QVariant callFunc(QString func, QVariant arg) override;

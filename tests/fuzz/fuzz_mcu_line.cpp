@@ -12,13 +12,6 @@
 
 #include "driver/mcu/DriverVesk.h"
 #include "driver/mcu/McuLine.h"
-#include "host/VeskHost.h"
-
-// The host's JSON text knows stream descriptions too; none travel here.
-QVariantMap VeskHost::streamInfoToVariant(const VeskObject::StreamInfo&)
-{
-    return QVariantMap();
-}
 
 namespace {
 void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}

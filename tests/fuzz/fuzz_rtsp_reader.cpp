@@ -110,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 1) return 0;
     static FuzzSink sink;
-    sink.pool.clear();
+    sink.release();
     RtspMedia& media = freshMedia(sink);
     const uint8_t mode = data[0];
     media.infoV.type = mode & 64 ? VeskObject::TypeH265 : VeskObject::TypeH264;
@@ -125,7 +125,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     Segments in(reinterpret_cast<const char*>(data + 1), size - 1);
     for (int n = 1; in.more(segment); ++n) {
         reader.read(in);
-        if (sink.pool.size() > 64) sink.pool.clear();
+        if (sink.held > 64) sink.release();
         if ((mode & 32) && n % 8 == 0) {
             reader.reset();
             session.step = 0;

@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static FuzzSink sink;
-    sink.pool.clear();
+    sink.release();
     RtspMedia& media = freshMedia(sink);
     const QString sdp = QString::fromUtf8(reinterpret_cast<const char*>(data), int(size));
     media.parseSDP(sdp, QStringLiteral("rtsp://127.0.0.1:554/live"));
