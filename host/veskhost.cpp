@@ -29,6 +29,7 @@
 #include "frame/Vesk.h"
 #include "host/VeskGraph.h"
 #include "host/classinfo.h"
+#include "host/ffmpeglog.h"
 #include "host/probe.h"
 #include "host/usage.h"
 #include "sim/AudioOut.h"
@@ -54,7 +55,8 @@ struct Verb {
     const char* about;
 };
 const Verb kVerbs[] = {
-    {"classes", "  veskhost classes\n", "  Lists the node classes the library registers, one a line.\n"},
+    {"classes", "  veskhost classes\n",
+     "  Lists the node classes the library registers, one a line.\n"},
     {"inspect", "  veskhost inspect [CLASS] [--json]\n",
      "  A node class's data keys with types and defaults, its methods, the events\n"
      "  it sends and its sharing members; without CLASS, every class.\n"},
@@ -132,7 +134,8 @@ int usage(const QString& why)
 // Help asked for is an answer, not an error: standard output, status 0.
 int help(const Verb* verb)
 {
-    const QByteArray text = verb ? QByteArray("usage:\n") + verb->synopsis + verb->about : usageText();
+    const QByteArray text =
+        verb ? QByteArray("usage:\n") + verb->synopsis + verb->about : usageText();
     std::fwrite(text.constData(), 1, size_t(text.size()), stdout);
     return 0;
 }
@@ -346,32 +349,6 @@ int prepareBoard(const Options& o, bool boardRequired)
             QStringLiteral("--wav and --snapshot record the virtual board's outputs: give --sim"));
     }
     return -1;
-}
-
-// A device that fails at every read makes FFmpeg say so at the rate of the
-// read loop. A person needs each complaint once a second, with a count.
-void ffmpegLog(void* avcl, int level, const char* fmt, va_list vl)
-{
-    if (level > av_log_get_level()) return;
-    char line[1024];
-    int prefix = 1;
-    va_list copy;
-    va_copy(copy, vl);
-    av_log_format_line2(avcl, level, fmt, copy, line, sizeof line, &prefix);
-    va_end(copy);
-    static std::mutex lock;
-    static QHash<QByteArray, int> seen;
-    static QElapsedTimer window;
-    std::lock_guard<std::mutex> g(lock);
-    if (!window.isValid() || window.elapsed() > 1000) {
-        for (auto it = seen.constBegin(); it != seen.constEnd(); ++it)
-            if (it.value() > 1)
-                std::fprintf(stderr, "    (%d more times) %s", it.value() - 1,
-                             it.key().constData());
-        seen.clear();
-        window.start();
-    }
-    if (seen[QByteArray(line)]++ == 0) std::fputs(line, stderr);
 }
 
 // The 6604's control segment is the machine's, not the process's: a run on
@@ -732,7 +709,8 @@ int main(int argc, char** argv)
 {
     sinceStart.start();
     QCoreApplication app(argc, argv);
-    av_log_set_callback(ffmpegLog);
+    veskhost::installFfmpegLog(
+        [](const QByteArray& line) { std::fputs(line.constData(), stderr); });
     const QStringList args = app.arguments().mid(1);
     if (args.isEmpty()) return usage(QStringLiteral("no command given"));
     const QString command = args.first();

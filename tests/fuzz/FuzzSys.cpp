@@ -42,8 +42,11 @@ struct Board {
     QMap<QString, QByteArray> links;
     QMap<QString, QList<Read>> devices;
     QList<QList<Read>> lineEvents;
-    QMap<int, Open> open;
-    QList<Write> writes;
+    // Few descriptors are open at once; a vector that keeps its room between
+    // inputs spares an allocation per open (the EDID load opens its bus for
+    // each of 256 writes).
+    std::vector<std::pair<int, Open>> open;
+    std::vector<Write> writes;
     QStringList onDisk;
     int nextFd = kFirstFd;
 };
@@ -60,8 +63,28 @@ int newFd(Open o)
 {
     Board& b = board();
     const int fd = b.nextFd++;
-    b.open.insert(fd, o);
+    b.open.emplace_back(fd, std::move(o));
     return fd;
+}
+
+Open* openOf(int fd)
+{
+    for (auto& e : board().open)
+        if (e.first == fd) return &e.second;
+    return nullptr;
+}
+
+// The same path comes again and again (a bus per register write): its
+// QString is made once.
+QString pathOf(const char* path)
+{
+    static QByteArray lastRaw;
+    static QString last;
+    if (lastRaw != path) {
+        lastRaw = path;
+        last = QString::fromLocal8Bit(path);
+    }
+    return last;
 }
 
 }  // namespace
@@ -70,7 +93,15 @@ void reset()
 {
     Board& b = board();
     for (const QString& p : b.onDisk) QFile::remove(vsys::path(p));
-    b = Board();
+    // The vectors keep their room for the next input.
+    b.files.clear();
+    b.links.clear();
+    b.devices.clear();
+    b.lineEvents.clear();
+    b.open.clear();
+    b.writes.clear();
+    b.onDisk.clear();
+    b.nextFd = kFirstFd;
 }
 
 void putFile(const QString& boardPath, const QByteArray& bytes, bool disk)
@@ -99,14 +130,14 @@ void queueLineEvents(const QList<QList<Read>>& lines)
     board().lineEvents = lines;
 }
 
-const QList<Write>& writes()
+const std::vector<Write>& writes()
 {
     return board().writes;
 }
 
 int openCount()
 {
-    return board().open.size();
+    return int(board().open.size());
 }
 
 }  // namespace fuzzsys
@@ -117,7 +148,7 @@ using fuzzsys::board;
 
 int open(const char* path, int, mode_t)
 {
-    const QString p = QString::fromLocal8Bit(path);
+    const QString p = fuzzsys::pathOf(path);
     fuzzsys::Board& b = board();
     fuzzsys::Open o;
     o.path = p;
@@ -136,21 +167,25 @@ int open(const char* path, int, mode_t)
 
 int close(int fd)
 {
-    if (board().open.remove(fd) == 0) {
-        errno = EBADF;
-        return -1;
+    auto& open = board().open;
+    for (auto it = open.begin(); it != open.end(); ++it) {
+        if (it->first == fd) {
+            open.erase(it);
+            return 0;
+        }
     }
-    return 0;
+    errno = EBADF;
+    return -1;
 }
 
 ssize_t read(int fd, void* buf, size_t len)
 {
-    auto it = board().open.find(fd);
-    if (it == board().open.end()) {
+    fuzzsys::Open* it = fuzzsys::openOf(fd);
+    if (!it) {
         errno = EBADF;
         return -1;
     }
-    fuzzsys::Open& o = it.value();
+    fuzzsys::Open& o = *it;
     if (!o.isDevice) {
         const size_t n = std::min(len, size_t(o.file.size() - o.pos));
         if (n) std::memcpy(buf, o.file.constData() + o.pos, n);
@@ -170,20 +205,20 @@ ssize_t read(int fd, void* buf, size_t len)
 
 ssize_t write(int fd, const void* buf, size_t len)
 {
-    auto it = board().open.find(fd);
-    if (it == board().open.end() || !it->isDevice) {
+    fuzzsys::Open* it = fuzzsys::openOf(fd);
+    if (!it || !it->isDevice) {
         errno = EBADF;
         return -1;
     }
-    board().writes.append(
-        {it->path, it->address, QByteArray(static_cast<const char*>(buf), int(len))});
+    board().writes.push_back(
+        {it->path, it->address, std::string(static_cast<const char*>(buf), len)});
     return ssize_t(len);
 }
 
 int ioctl(int fd, unsigned long request, void* arg)
 {
-    auto it = board().open.find(fd);
-    if (it == board().open.end() || !it->isDevice) {
+    fuzzsys::Open* it = fuzzsys::openOf(fd);
+    if (!it || !it->isDevice) {
         errno = EBADF;
         return -1;
     }
@@ -202,8 +237,8 @@ int ioctl(int fd, unsigned long request, void* arg)
 
 int ioctl(int fd, unsigned long request, unsigned long arg)
 {
-    auto it = board().open.find(fd);
-    if (it == board().open.end() || !it->isDevice) {
+    fuzzsys::Open* it = fuzzsys::openOf(fd);
+    if (!it || !it->isDevice) {
         errno = EBADF;
         return -1;
     }

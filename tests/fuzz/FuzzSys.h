@@ -10,6 +10,8 @@
 #include <QList>
 #include <QString>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 namespace fuzzsys {
 
@@ -40,9 +42,9 @@ void queueLineEvents(const QList<QList<Read>>& lines);
 struct Write {
     QString path;
     unsigned long address = 0;
-    QByteArray bytes;
+    std::string bytes;  // short writes stay inside the string
 };
-const QList<Write>& writes();
+const std::vector<Write>& writes();
 
 // Descriptors open now: a target checks that nothing is left open.
 int openCount();
