@@ -140,7 +140,10 @@ VeskInputRtsp::VeskInputRtsp(QObject* parent)
       timerRetry(this),
       timerAlive(this),
       media(*this),
-      reader(*this)
+      reader(*this),
+      timerKeepAlive(this),
+      timerUdpWatch(this),
+      timerReorder(this)
 {
     data[QStringLiteral("agent")] = QStringLiteral("VeskSDK");
     data[QStringLiteral("memSize")] = 4096000;
