@@ -257,7 +257,7 @@ void VeskInputRtsp::endSession(bool announce)
         reorderA.reset();
         statsV = statsA = rtspinterop::RtpStats{};
         transportV = transportA = rtspinterop::Transport{};
-        udpSeen = readySent = false;
+        udpSeen = false;
         channelV = 0;
         channelA = 2;
     }
@@ -578,7 +578,6 @@ void VeskInputRtsp::sendReady()
     if (interop) {
         ready.insert(QStringLiteral("transport"),
                      udpNow ? QStringLiteral("udp") : QStringLiteral("tcp"));
-        readySent = true;
     }
     sendEvent(QStringLiteral("ready"), ready);
 }

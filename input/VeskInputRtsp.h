@@ -4,6 +4,9 @@
 // Every assembled video unit and audio frame goes to the graph on the host
 // clock. A session that fails or falls silent is rebuilt 3000 ms later, for
 // ever. The media half (SDP, depacketising, clock) is RtspMedia.
+// With "interop" set, a session is what field cameras and servers need
+// instead (VeskInputRtspInterop.cpp, RtspInterop.h); without it nothing of
+// that mode runs.
 #pragma once
 
 #include <QHostAddress>
@@ -144,6 +147,5 @@ private:
     rtspinterop::RtpReorder reorderV, reorderA;
     uint32_t ourSsrc = 0;
     bool udpSeen = false;
-    bool readySent = false;
     QTimer timerKeepAlive, timerUdpWatch, timerReorder;
 };
