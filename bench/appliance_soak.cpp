@@ -116,11 +116,11 @@ const char kUsage[] =
     "                      [--rss-bound KB] [--out DIR] [--scenario FILE] [--rtsp-interop]\n"
     "                      [--verbose]\n";
 
-// The opt-in RTSP mode that recovers from a restarted server (the node
-// drops a session id the server no longer knows). When the library has it,
-// its keys go here: --rtsp-interop then restarts that node's server every
-// cycle and counts its return as a fault like any other.
-const QVariantMap kRtspInteropData = {};
+// The opt-in RTSP mode that recovers from a restarted server (each attempt
+// is a fresh session, so the id the server no longer knows is not sent):
+// --rtsp-interop restarts that node's server every cycle and counts its
+// return as a fault like any other.
+const QVariantMap kRtspInteropData = {{"interop", true}};
 
 bool parseOptions(const QStringList& args, Options* o, QString* why)
 {

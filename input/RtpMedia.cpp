@@ -450,6 +450,8 @@ void RtspMedia::parseV(char* buf, int len)
         // Aggregation packets aren't told apart: they go out as one unit.
         if (b == kH265FragmentHeader)
             fragment(buf, len, 14, 1);
+        else if (interop && (b >> 1 & 63) == 48)
+            aggregateAll(buf, len, 14);
         else
             singleNal(buf, len);
         return;
@@ -459,8 +461,29 @@ void RtspMedia::parseV(char* buf, int len)
         singleNal(buf, len);
     else if (type == 28)
         fragment(buf, len, 13, 0);
+    else if (type == 24 && interop)
+        aggregateAll(buf, len, 13);
     else if (type == 24 && len != 13)
         aggregate(buf, len);
+}
+
+// Units of [16-bit size][NAL unit] from `first` on. Each start code goes
+// over the size and the two bytes in front of it, which belong to the RTP
+// header or to the unit before, already copied out by videoReady.
+void RtspMedia::aggregateAll(char* buf, int len, int first)
+{
+    int at = first;
+    while (at + 2 <= len) {
+        const int size = static_cast<uint8_t>(buf[at]) * 256 + static_cast<uint8_t>(buf[at + 1]);
+        if (size == 0 || size > len - at - 2) {
+            log(QStringLiteral("aggregated unit of %1 bytes runs past the packet's end, dropped")
+                    .arg(size));
+            return;
+        }
+        putStartCode(buf + at - 2);
+        videoReady(buf + at - 2, size + 4, buf + 4);
+        at += 2 + size;
+    }
 }
 
 // The start code goes over the SSRC, so the unit leaves without a move.

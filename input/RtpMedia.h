@@ -80,6 +80,9 @@ public:
     QString fmtpA, fmtpV;
     // "auto" maps stream time onto the host clock; anything else passes it.
     QString timestampMode = QStringLiteral("auto");
+    // Every unit of an aggregation packet (H.264 STAP-A, H.265 AP) goes
+    // out, in order; otherwise the settled walk below.
+    bool interop = false;
 
     std::unique_ptr<char[]> fuBuf;
     int32_t fuLen = 4;
@@ -89,6 +92,7 @@ public:
 private:
     void singleNal(char* buf, int len);
     void aggregate(char* buf, int len);
+    void aggregateAll(char* buf, int len, int first);
     void fragment(char* buf, int len, int fuHeader, int h);
     bool appendFragment(const char* src, int n);
     int64_t streamTime(const char* ts, int64_t clock) const;

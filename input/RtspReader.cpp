@@ -1,6 +1,7 @@
 #include "input/RtspReader.h"
 
 #include <QStringList>
+#include <cstring>
 
 namespace {
 
@@ -32,11 +33,37 @@ void RtspReader::reset()
     frameLen = 0;
     skippingLine = false;
     discarding = false;
+    if (interop) {
+        msg.clear();
+        replyBytes = 0;
+        bodyNeed = bodySkip = 0;
+        body.clear();
+        inMessage = false;
+        carry.clear();
+        frameHeaderLen = 0;
+        resyncLogged = false;
+    }
 }
 
 void RtspReader::readReplies(RtspByteSource& in)
 {
-    while (client.sessionStep() <= 4 && in.connected()) {
+    while ((client.sessionStep() <= 4 || inMessage) && in.connected()) {
+        if (bodySkip > 0 || bodyNeed > 0) {
+            // The body of a reply in interop mode, as long as it says.
+            char scratch[kScratch];
+            const int64_t want = qMin<int64_t>(bodySkip > 0 ? bodySkip : bodyNeed, kScratch);
+            const int64_t n = in.read(scratch, want);
+            if (n <= 0) return;
+            if (bodySkip > 0) {
+                bodySkip -= n;
+                if (bodySkip == 0) inMessage = false;
+                continue;
+            }
+            body.append(scratch, int(n));
+            bodyNeed -= n;
+            if (bodyNeed == 0) deliver();
+            continue;
+        }
         if (!in.canReadLine()) {
             // A server that sends and sends without a line end is not going
             // to finish the line; holding it all would only grow memory.
@@ -62,8 +89,103 @@ void RtspReader::readReplies(RtspByteSource& in)
             skippingLine = true;
             continue;
         }
-        takeLine(in, line);
+        if (interop)
+            takeInteropLine(carry.isEmpty() ? line : carry + line);
+        else
+            takeLine(in, line);
+        carry.clear();
     }
+}
+
+void RtspReader::takeInteropLine(const QByteArray& line)
+{
+    if (line == "\r\n" || line == "\n") {
+        if (msg.contains(QStringLiteral("H1"))) endOfHeaders();
+        return;
+    }
+    QString text = QString::fromUtf8(line);
+    while (text.endsWith(QLatin1Char('\n')) || text.endsWith(QLatin1Char('\r'))) text.chop(1);
+    if (!msg.contains(QStringLiteral("H1"))) {
+        const QStringList parts = text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+        if (parts.size() < 2) return;
+        msg.insert(QStringLiteral("H1"), parts[0]);
+        msg.insert(QStringLiteral("H2"), parts[1]);
+        msg.insert(QStringLiteral("H3"), parts.mid(2).join(QLatin1Char(' ')));
+    } else {
+        const int colon = text.indexOf(QLatin1Char(':'));
+        if (colon <= 0) return;
+        QString key = text.left(colon).trimmed();
+        // Devices spell header names as they please.
+        static const char* const known[] = {"Content-Length", "Content-Base", "Content-Location",
+                                            "Session",        "Transport",    "WWW-Authenticate",
+                                            "Public",         "CSeq",         "RTP-Info"};
+        for (const char* k : known)
+            if (key.compare(QLatin1String(k), Qt::CaseInsensitive) == 0) key = QLatin1String(k);
+        const QString value = text.mid(colon + 1).trimmed();
+        if (msg.contains(key)) {
+            // Every challenge counts: the best scheme is chosen from all.
+            if (key == QLatin1String("WWW-Authenticate")) msg[key] += QLatin1Char('\n') + value;
+        } else {
+            msg.insert(key, value);
+        }
+    }
+    replyBytes += line.size();
+    if (replyBytes > kMaxReply) {
+        client.log(QStringLiteral("reply headers over %1 bytes, dropped").arg(kMaxReply));
+        msg.clear();
+        replyBytes = 0;
+        inMessage = false;
+    }
+}
+
+void RtspReader::endOfHeaders()
+{
+    bool ok = false;
+    const int64_t length = msg.value(QStringLiteral("Content-Length")).toLongLong(&ok);
+    if (!ok || length <= 0) {
+        deliver();
+        return;
+    }
+    if (length > kMaxBody) {
+        client.log(
+            QStringLiteral("reply body of %1 bytes over %2, dropped").arg(length).arg(kMaxBody));
+        msg.clear();
+        replyBytes = 0;
+        bodySkip = length;
+        return;
+    }
+    body.clear();
+    body.reserve(int(length));
+    bodyNeed = length;
+}
+
+void RtspReader::deliver()
+{
+    QMap<QString, QString> whole = msg;
+    if (!body.isEmpty()) whole.insert(QStringLiteral("Content"), QString::fromUtf8(body));
+    msg.clear();
+    body.clear();
+    replyBytes = 0;
+    inMessage = false;
+    client.reply(whole);
+}
+
+bool RtspReader::strayHeader()
+{
+    if (std::memcmp(frameHeader, "RTSP", 4) == 0) {
+        carry = QByteArray(frameHeader, 4);
+        frameHeaderLen = 0;
+        msg.clear();
+        replyBytes = 0;
+        inMessage = true;
+        return true;
+    }
+    // Step over one byte and look again: the next '$' starts a frame.
+    if (!resyncLogged) client.log(QStringLiteral("stray bytes between frames, skipped"));
+    resyncLogged = true;
+    std::memmove(frameHeader, frameHeader + 1, 3);
+    frameHeaderLen = 3;
+    return false;
 }
 
 void RtspReader::takeLine(RtspByteSource& in, const QByteArray& line)
@@ -113,6 +235,10 @@ void RtspReader::takeLine(RtspByteSource& in, const QByteArray& line)
 
 RtspReader::Result RtspReader::readFrames(RtspByteSource& in)
 {
+    if (inMessage) {
+        readReplies(in);
+        if (inMessage) return Done;
+    }
     char scratch[kScratch];
     while (client.sessionStep() == 5 && in.connected() && in.available() > 0) {
         if (remaining == 0 && !discarding) {
@@ -126,6 +252,13 @@ RtspReader::Result RtspReader::readFrames(RtspByteSource& in)
             // The header stays as it is: every later read, in this session
             // and the next, stops here again.
             if (frameHeader[0] != '$') {
+                if (interop) {
+                    if (strayHeader()) {
+                        readReplies(in);
+                        if (inMessage) return Done;
+                    }
+                    continue;
+                }
                 client.log(QStringLiteral("ERROR"));
                 return BadFrame;
             }

@@ -51,6 +51,8 @@ public:
     // dropped instead of being held.
     static constexpr int kMaxLine = 64 * 1024;
     static constexpr int kMaxReply = 256 * 1024;
+    // Interop mode: the largest body that is waited for and kept.
+    static constexpr int kMaxBody = 256 * 1024;
 
     explicit RtspReader(RtspReaderClient& client) : client(client) {}
 
@@ -67,12 +69,22 @@ public:
     char* frameBuf = nullptr;
     int32_t frameLen = 0;
     uint8_t frameChannel = 0;
+    // Interop mode: a status line keeps its reason phrase, a header its
+    // colons, header names are matched without regard to case, a body is
+    // read as far as "Content-Length" says, across segments, and a reply in
+    // the middle of the frames (to a keep-alive) is read as one.
+    bool interop = false;
 
 private:
     void readReplies(RtspByteSource& in);
     void takeLine(RtspByteSource& in, const QByteArray& line);
     Result readFrames(RtspByteSource& in);
     void finishFrame();
+    void takeInteropLine(const QByteArray& line);
+    void endOfHeaders();
+    void deliver();
+    // A frame header that is not one: a reply, or bytes to step over.
+    bool strayHeader();
 
     RtspReaderClient& client;
     // Bytes of header lines in the reply being read.
@@ -81,4 +93,13 @@ private:
     bool skippingLine = false;
     // The current frame had no buffer: its bytes are read and discarded.
     bool discarding = false;
+    // Interop mode: body bytes still to come, and those to throw away of a
+    // body over kMaxBody; a reply begun in frame mode; its first bytes,
+    // already taken as a frame header.
+    int64_t bodyNeed = 0;
+    int64_t bodySkip = 0;
+    QByteArray body;
+    bool inMessage = false;
+    QByteArray carry;
+    bool resyncLogged = false;
 };

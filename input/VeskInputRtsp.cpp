@@ -2,6 +2,7 @@
 
 #include <QCryptographicHash>
 #include <QDebug>
+#include <QRandomGenerator>
 #include <QStringList>
 #include <QThread>
 #include <QVariantMap>
@@ -139,7 +140,10 @@ VeskInputRtsp::VeskInputRtsp(QObject* parent)
       timerRetry(this),
       timerAlive(this),
       media(*this),
-      reader(*this)
+      reader(*this),
+      timerKeepAlive(this),
+      timerUdpWatch(this),
+      timerReorder(this)
 {
     data[QStringLiteral("agent")] = QStringLiteral("VeskSDK");
     data[QStringLiteral("memSize")] = 4096000;
@@ -147,6 +151,10 @@ VeskInputRtsp::VeskInputRtsp(QObject* parent)
     data[QStringLiteral("path")] = QString();
     data[QStringLiteral("timeout")] = 10;
     data[QStringLiteral("timestampMode")] = QStringLiteral("auto");
+    // Off: the client as it is settled. On: what field cameras and servers
+    // need (keep-alive, transport fallback, fresh sessions, whole replies,
+    // every aggregated unit, UDP in order).
+    data[QStringLiteral("interop")] = false;
     shareDepth = 3;
 
     keepAlive = QByteArray::fromHex(kKeepAliveHex);
@@ -158,6 +166,11 @@ VeskInputRtsp::VeskInputRtsp(QObject* parent)
     connect(&udpRtcpV, &QUdpSocket::readyRead, this, &VeskInputRtsp::onReadUdpRtcpV);
     connect(&timerRetry, &QTimer::timeout, this, &VeskInputRtsp::onTimerRetry);
     connect(&timerAlive, &QTimer::timeout, this, &VeskInputRtsp::onTimerAlive);
+    timerUdpWatch.setSingleShot(true);
+    timerReorder.setSingleShot(true);
+    connect(&timerKeepAlive, &QTimer::timeout, this, &VeskInputRtsp::onTimerKeepAlive);
+    connect(&timerUdpWatch, &QTimer::timeout, this, &VeskInputRtsp::onTimerUdpWatch);
+    connect(&timerReorder, &QTimer::timeout, this, &VeskInputRtsp::onTimerReorder);
     refreshSettings();
 }
 
@@ -166,6 +179,9 @@ VeskInputRtsp::~VeskInputRtsp()
     running = false;
     timerRetry.stop();
     timerAlive.stop();
+    timerKeepAlive.stop();
+    timerUdpWatch.stop();
+    timerReorder.stop();
     QObject::disconnect(&tcp, nullptr, this, nullptr);
     tcp.abort();
     udpA.close();
@@ -195,7 +211,11 @@ void VeskInputRtsp::refreshSettings()
 void VeskInputRtsp::onSetData(QMap<QString, QVariant> newData)
 {
     refreshSettings();
-    if (newData.contains(QStringLiteral("path")) && running) onTimerRetry();
+    if (!running) return;
+    if (newData.contains(QStringLiteral("path")) || newData.contains(QStringLiteral("interop"))) {
+        transportFixed = false;
+        onTimerRetry();
+    }
 }
 
 void VeskInputRtsp::onStart()
@@ -207,7 +227,10 @@ void VeskInputRtsp::onStart()
 
 void VeskInputRtsp::onStop()
 {
+    // TEARDOWN goes out while requests can still be made.
+    if (interop) sendTeardown();
     running = false;
+    transportFixed = false;
     endSession();
 }
 
@@ -218,11 +241,29 @@ void VeskInputRtsp::onTimerRetry()
     init();
 }
 
-void VeskInputRtsp::endSession()
+void VeskInputRtsp::endSession(bool announce)
 {
+    if (interop) {
+        sendTeardown();
+        // Each attempt is a session of its own: a server that restarted
+        // knows no old id and would refuse every request that carried one.
+        session.clear();
+        auth.reset();
+        authFailures = 0;
+        timerKeepAlive.stop();
+        timerUdpWatch.stop();
+        timerReorder.stop();
+        reorderV.reset();
+        reorderA.reset();
+        statsV = statsA = rtspinterop::RtpStats{};
+        transportV = transportA = rtspinterop::Transport{};
+        udpSeen = false;
+        channelV = 0;
+        channelA = 2;
+    }
     // Also for a stop ordered from outside: "timeout" only says that a
     // session which got somewhere has ended.
-    if (step != 0)
+    if (step != 0 && announce)
         sendEvent(QStringLiteral("timeout"), data.value(QStringLiteral("path")).toString());
     // The session id outlives the session on purpose: the next attempt goes
     // on in it. A server that lost its sessions (a restarted one answers
@@ -269,6 +310,16 @@ void VeskInputRtsp::init()
         rest = rest.mid(at + 1);
     }
     url = QStringLiteral("rtsp://") + rest;
+    interop = data.value(QStringLiteral("interop")).toBool();
+    reader.interop = media.interop = interop;
+    if (interop) {
+        if (!transportFixed)
+            udpNow = data.value(QStringLiteral("protocol")).toString() == QLatin1String("udp");
+        base = playUrl = url;
+        getParameter = false;
+        sessionTimeout = 0;
+        ourSsrc = QRandomGenerator::global()->generate();
+    }
     const int slash = rest.indexOf(QLatin1Char('/'));
     if (slash >= 0) rest = rest.left(slash);
     if (rest.contains(QLatin1Char(':'))) {
@@ -281,7 +332,10 @@ void VeskInputRtsp::init()
         port = 554;
     }
 
-    if (data.value(QStringLiteral("protocol")).toString() == QLatin1String("udp") && !bindUdp()) {
+    const bool udp =
+        interop ? udpNow
+                : data.value(QStringLiteral("protocol")).toString() == QLatin1String("udp");
+    if (udp && !bindUdp()) {
         log(QStringLiteral("no UDP port pair free from %1 on").arg(kFirstUdpPort));
         sendEvent(QStringLiteral("error"), path);
         endSession();
@@ -356,6 +410,8 @@ void VeskInputRtsp::onTimerAlive()
         alive = false;
         return;
     }
+    // UDP that has not begun yet gets its 3 s before TCP is tried instead.
+    if (interop && timerUdpWatch.isActive()) return;
     // Over UDP nothing sets alive, so this ends every UDP session after one
     // period, media or not.
     log(QStringLiteral("Timeout"));
@@ -389,7 +445,10 @@ VeskInputRtsp::Message VeskInputRtsp::newMsg(const QString& method, const QStrin
     msg.insert(QStringLiteral("H3"), QStringLiteral("RTSP/1.0"));
     msg.insert(QStringLiteral("CSeq"), QString::number(cseq++));
     msg.insert(QStringLiteral("User-Agent"), data.value(QStringLiteral("agent")).toString());
-    if (needAuth && authScheme == QLatin1String("Digest")) {
+    if (interop) {
+        if (auth.active())
+            msg.insert(QStringLiteral("Authorization"), auth.header(method, uri, user, password));
+    } else if (needAuth && authScheme == QLatin1String("Digest")) {
         // Over the base URL for every request, SETUP included, and without
         // qop: the server's challenge goes back as it came.
         const QString ha1 = md5(user + QLatin1Char(':') + realm + QLatin1Char(':') + password);
@@ -425,6 +484,10 @@ void VeskInputRtsp::sendMsg(Message msg)
 
 void VeskInputRtsp::handleMsg(Message msg)
 {
+    if (interop) {
+        handleInterop(msg);
+        return;
+    }
     if (msg.value(QStringLiteral("H1")) != QLatin1String("RTSP/1.0")) return;
     const int status = msg.value(QStringLiteral("H2")).toInt();
     if (status == 401) {
@@ -510,8 +573,13 @@ void VeskInputRtsp::sendReady()
     const QString ac = audioCodec(media.infoA.type);
     if (!vc.isEmpty()) v.insert(QStringLiteral("codec"), vc);
     if (!ac.isEmpty()) a.insert(QStringLiteral("codec"), ac);
-    sendEvent(QStringLiteral("ready"),
-              QVariantMap{{QStringLiteral("infoA"), a}, {QStringLiteral("infoV"), v}});
+    QVariantMap ready{{QStringLiteral("infoA"), a}, {QStringLiteral("infoV"), v}};
+    // Which transport runs, after any fallback: "udp" or "tcp".
+    if (interop) {
+        ready.insert(QStringLiteral("transport"),
+                     udpNow ? QStringLiteral("udp") : QStringLiteral("tcp"));
+    }
+    sendEvent(QStringLiteral("ready"), ready);
 }
 
 // ---- control connection ----------------------------------------------------------
@@ -530,7 +598,7 @@ char* VeskInputRtsp::frameBuffer(int len)
 {
     // parseA sends packets that point into the frame itself, so an audio
     // frame must live in a buffer the graph can hold on to.
-    if (reader.frameChannel == 2) return bufferData(nullptr, len, kHeadroom);
+    if (reader.frameChannel == channelA) return bufferData(nullptr, len, kHeadroom);
     if (len < 0 || len > kMaxFrame) return nullptr;
     if (!frameScratch) frameScratch.reset(new char[kScratchRoom + kMaxFrame + kScratchTail]);
     char* p = frameScratch.get() + kScratchRoom;
@@ -542,6 +610,8 @@ char* VeskInputRtsp::frameBuffer(int len)
 
 void VeskInputRtsp::keepAliveDue()
 {
+    // Interop sessions keep alive by requests; channel 3 may be anything.
+    if (interop) return;
     if (tcp.bytesToWrite() > kMaxWriteBacklog) {
         if (!keepAliveBacklogLogged)
             log(QStringLiteral("server reads nothing, keep-alive held back"));
@@ -555,10 +625,11 @@ void VeskInputRtsp::frame(uint8_t channel, char* buf, int len)
 {
     alive = true;
     if (!buf) return;
-    // The channels of the fixed Transport texts: 0 and 1 video, 2 and 3 audio.
-    if (channel == 0)
+    // The channels of the fixed Transport texts (0 and 1 video, 2 and 3
+    // audio), or those the server gave.
+    if (channel == channelV)
         media.parseV(buf, len);
-    else if (channel == 2)
+    else if (channel == channelA)
         media.parseA(buf, len);
 }
 
@@ -566,22 +637,34 @@ void VeskInputRtsp::frame(uint8_t channel, char* buf, int len)
 
 void VeskInputRtsp::onReadUdpA()
 {
-    readUdp(udpA, false);
+    if (interop)
+        readUdpInterop(udpA, false);
+    else
+        readUdp(udpA, false);
 }
 
 void VeskInputRtsp::onReadUdpV()
 {
-    readUdp(udpV, true);
+    if (interop)
+        readUdpInterop(udpV, true);
+    else
+        readUdp(udpV, true);
 }
 
 void VeskInputRtsp::onReadUdpRtcpA()
 {
-    answerRtcp(udpRtcpA);
+    if (interop)
+        readRtcpInterop(udpRtcpA, false);
+    else
+        answerRtcp(udpRtcpA);
 }
 
 void VeskInputRtsp::onReadUdpRtcpV()
 {
-    answerRtcp(udpRtcpV);
+    if (interop)
+        readRtcpInterop(udpRtcpV, true);
+    else
+        answerRtcp(udpRtcpV);
 }
 
 void VeskInputRtsp::readUdp(QUdpSocket& socket, bool video)

@@ -4,6 +4,9 @@
 // Every assembled video unit and audio frame goes to the graph on the host
 // clock. A session that fails or falls silent is rebuilt 3000 ms later, for
 // ever. The media half (SDP, depacketising, clock) is RtspMedia.
+// With "interop" set, a session is what field cameras and servers need
+// instead (VeskInputRtspInterop.cpp, RtspInterop.h); without it nothing of
+// that mode runs.
 #pragma once
 
 #include <QHostAddress>
@@ -17,6 +20,7 @@
 
 #include "frame/VeskObject.h"
 #include "input/RtpMedia.h"
+#include "input/RtspInterop.h"
 #include "input/RtspReader.h"
 
 class VeskInputRtsp : public VeskObject, private RtspMediaSink, private RtspReaderClient {
@@ -52,6 +56,9 @@ public slots:
     void onReadUdpV();
     void onReadUdpRtcpA();
     void onReadUdpRtcpV();
+    void onTimerKeepAlive();
+    void onTimerUdpWatch();
+    void onTimerReorder();
 
 private:
     // RtspMediaSink
@@ -70,12 +77,25 @@ private:
     void log(const QString& text) override;
 
     // What onStop does to a session; also every failure path's clean-up.
-    void endSession();
+    // announce false: a session that never reported "ready" is replaced.
+    void endSession(bool announce = true);
     bool bindUdp();
     void readUdp(QUdpSocket& socket, bool video);
     void answerRtcp(QUdpSocket& socket);
     void sendReady();
     void refreshSettings();
+
+    // The "interop" mode of a session.
+    void handleInterop(const Message& msg);
+    void sendInteropStep();
+    void takeTrackTransport(const Message& msg, bool video);
+    void failInterop(const QString& why);
+    void sendTeardown();
+    void readUdpInterop(QUdpSocket& socket, bool video);
+    void readRtcpInterop(QUdpSocket& socket, bool video);
+    void sendReports();
+    void armReorder();
+    void deliverUdp(bool video, char* buf, int len, bool held);
 
     QTcpSocket tcp;
     QUdpSocket udpA, udpRtcpA, udpV, udpRtcpV;
@@ -108,4 +128,24 @@ private:
     // Depth of handleMsg feeding a reply to itself to skip a track.
     int reentry = 0;
     bool keepAliveBacklogLogged = false;
+
+    // Interleaved channels of video and audio RTP: the fixed ones, or in
+    // interop mode those of the SETUP replies.
+    uint8_t channelV = 0, channelA = 2;
+
+    // Interop mode, taken from "interop" when a session begins.
+    bool interop = false;
+    bool udpNow = false;          // the transport this session runs
+    bool transportFixed = false;  // a fallback chose it; kept until a stop
+    QString base, playUrl;        // Content-Base (or the URL); aggregate control
+    bool getParameter = false;    // OPTIONS listed GET_PARAMETER
+    int sessionTimeout = 0;
+    rtspinterop::Auth auth;
+    int authFailures = 0;
+    rtspinterop::Transport transportV, transportA;
+    rtspinterop::RtpStats statsV, statsA;
+    rtspinterop::RtpReorder reorderV, reorderA;
+    uint32_t ourSsrc = 0;
+    bool udpSeen = false;
+    QTimer timerKeepAlive, timerUdpWatch, timerReorder;
 };

@@ -9,6 +9,7 @@ or one of the ready-made streams below:
   rtsp-server.py --port 0 --stream /live=h264+aac --seconds 60
   rtsp-server.py --port 8554 --mount '/cam=( videotestsrc is-live=true ! x264enc ! rtph264pay name=pay0 pt=96 )'
   rtsp-server.py --port 0 --stream /live=h265 --user admin --password secret
+  rtsp-server.py --port 0 --stream /live=h264 --session-timeout 10
 
 Ready-made streams: VIDEO[+AUDIO] with VIDEO one of h264, h265, none and
 AUDIO one of aac, pcma, pcmu, mp3. --size, --fps and --gop shape the video.
@@ -150,6 +151,13 @@ def parse_args(argv):
     p.add_argument("--user", help="require Digest authentication as this user")
     p.add_argument("--password", default="")
     p.add_argument("--protocols", choices=("all", "tcp", "udp"), default="all")
+    p.add_argument(
+        "--session-timeout",
+        type=int,
+        default=0,
+        help="seconds a session lives without keep-alive (set on each new session; "
+        "expired ones are removed every second), 0 for the server's own",
+    )
     p.add_argument("--seconds", type=float, default=0, help="run time limit, 0 for none")
     args = p.parse_args(argv)
     try:
@@ -207,6 +215,21 @@ def main(argv):
         user.set_string("media.factory.role", "user")
         auth.add_digest(args.user, args.password, user)
         server.set_auth(auth)
+
+    if args.session_timeout > 0:
+
+        def new_session(_client, session):
+            session.set_timeout(args.session_timeout)
+
+        server.connect(
+            "client-connected", lambda _s, client: client.connect("new-session", new_session)
+        )
+
+        def cleanup():
+            server.get_session_pool().cleanup()
+            return GLib.SOURCE_CONTINUE
+
+        GLib.timeout_add(1000, cleanup)
 
     points = server.get_mount_points()
     for path, launch in mounts:

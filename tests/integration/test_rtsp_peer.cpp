@@ -262,4 +262,60 @@ TEST(RtspAggregation, OnlyTheFirstUnitOfAStapAArrivesAndAnApPassesAsOneUnit)
         std::any_of(units.begin(), units.end(), [](auto& u) { return nalType(u, true) == 48; }));
 }
 
+// The "interop" mode against the same server, with sessions that expire
+// after 3 s without a sign of life, Digest, and the payloaders packing units
+// as they do for low latency. Over UDP with an alive period of 2 s one
+// session runs on, where the settled client beside it is rebuilt; every
+// unit of an aggregation packet arrives; a server restarted on the same
+// port is played again at the next retry.
+TEST(RtspInterop, OneUdpSessionOutlivesTheServerTimeoutAggregatesWholeAndComesBackAfterARestart)
+{
+    Server server({"--stream", "/live=h264+aac", "--stream", "/hevc=h265", "--user", "admin",
+                   "--password", "s3cret", "--aggregate-mode", "zero-latency", "--session-timeout",
+                   "3"});
+    const QString url = server.url("/live", "admin:s3cret");
+    rtsp::Rig r({{"path", url}, {"protocol", "udp"}, {"timeout", 2}, {"interop", true}});
+    rtsp::Rig settled({{"path", url}, {"protocol", "udp"}, {"timeout", 2}});
+    rtsp::Rig hevc({{"path", server.url("/hevc", "admin:s3cret")}, {"interop", true}});
+    ASSERT_TRUE(r.waitEvent("ready", 1, 15000));
+    EXPECT_EQ(r.ready()["transport"], "udp");
+    EXPECT_EQ(srcrig::pick(r.ready()["infoV"].toMap(), {"codec", "width", "height"}),
+              "h264 320 240");
+    r.pump(10000);
+    EXPECT_EQ(r.events("ready").size(), 1);
+    EXPECT_TRUE(r.events("timeout").isEmpty());
+    EXPECT_FALSE(settled.events("timeout").isEmpty());
+    const qint64 lately = srcrig::hostNow() - 1000000;
+    const QList<Unit> video = r.sink.units(true);
+    int recent = 0, parameterSets = 0, bare = 0;
+    QByteArray annexB;
+    for (const Unit& u : video) {
+        recent += u.arrival > lately;
+        parameterSets += nalType(u, false) == 7 || nalType(u, false) == 8;
+        bare += u.bytes.size() <= 4;
+        annexB += u.bytes;
+    }
+    EXPECT_GT(recent, 10) << "media still flows past three server timeouts";
+    EXPECT_GT(parameterSets, 2);
+    EXPECT_EQ(bare, 0);
+    EXPECT_GT(pictures(video), 200);
+    EXPECT_GT(srcrig::ffprobe(annexB, "h264")["frames"].toInt(), 200);
+    expectOnHostClock(video, r.sink.units(false));
+
+    // An AP gives its parameter sets one by one, and a decoder starts.
+    const QList<Unit> units = hevc.sink.units(true);
+    EXPECT_TRUE(
+        std::none_of(units.begin(), units.end(), [](auto& u) { return nalType(u, true) == 48; }));
+    int from = 0;
+    while (from < units.size() && nalType(units[from], true) != 32) ++from;
+    expectDecodes(units.mid(from), true, 100);
+
+    server.peer.reset();
+    ASSERT_TRUE(r.waitEvent("timeout", 1, 5000));
+    ASSERT_TRUE(server.start());
+    const qint64 back = srcrig::hostNow();
+    ASSERT_TRUE(r.waitEvent("ready", 2, 10000));
+    EXPECT_LT(r.events("ready")[1].at - back, 5000000) << "not played again at the next retry";
+}
+
 }  // namespace
