@@ -319,7 +319,10 @@ int main(int argc, char** argv)
             ts += frames * kTicksPerFrame;
             totalFrames += frames;
             ++repeats;
-            if (w.bytes() >= nextReport) {
+            if (seconds > 0) {
+                std::fprintf(stderr, "rtsp-record: %5.0f s of %.0f\n", double(totalFrames) / 25,
+                             seconds);
+            } else if (w.bytes() >= nextReport) {
                 std::fprintf(stderr, "rtsp-record: %5.0f MB of %.0f\n", double(w.bytes()) / 1e6,
                              double(target) / 1e6);
                 nextReport = w.bytes() + target / 10;
