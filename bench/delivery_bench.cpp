@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "frame/VeskObject.h"
+#include "host/VeskDispatcher.h"
 #include "host/VeskHost.h"
 
 namespace {
@@ -67,9 +68,9 @@ public:
     explicit Receiver(Window& w) : w(w)
     {
         setName(QStringLiteral("receiver"));
-        // Room for a few ticks' worth of packets, as a sink behind a
-        // network source is given.
-        shareDepth = 8;
+        // A busy machine may keep the receiver's thread away for a while:
+        // room enough that nothing is dropped then, as rtsp-sink gives its sink.
+        shareDepth = 64;
     }
     void onNewPacketV(VeskObject::Packet p) override
     {
@@ -127,6 +128,9 @@ void waitFor(const std::atomic<bool>& done)
 double hostRun(bool sameThread, qint64 packets, int burst)
 {
     QThread src, dst;
+    // The event loop the graph runs its node threads with.
+    src.setEventDispatcher(new VeskDispatcher);
+    dst.setEventDispatcher(new VeskDispatcher);
     src.start();
     if (!sameThread) dst.start();
     // Well inside the run: the first ticks warm the pool up.
@@ -164,6 +168,7 @@ double hostRun(bool sameThread, qint64 packets, int burst)
 double timerRun(qint64 packets, int burst)
 {
     QThread src;
+    src.setEventDispatcher(new VeskDispatcher);
     src.start();
     const qint64 ticks = packets / burst;
     Window w(50, 50 + ticks);
