@@ -67,24 +67,27 @@ public:
             b = new (mem) Block;
             b->sizeClass = c;
             b->capacity = classBytes(c);
+            known.emplace(reinterpret_cast<uintptr_t>(b->payload()), b);
         }
         b->refs.store(1);
-        live.emplace(reinterpret_cast<uintptr_t>(b->payload()), b);
+        ++inUse;
         return b;
     }
 
-    // The count only reaches zero under the lock, so that find() never hands
-    // out a block that is on its way to the free list.
+    // Only the last hold takes the lock. find() takes a hold only on a
+    // block whose count is not zero, so a block on its way to the free list
+    // is never handed out again.
     void release(Block* b)
     {
+        if (b->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
         std::lock_guard<std::mutex> lock(mutex);
-        if (b->refs.fetch_sub(1) != 1) return;
-        live.erase(reinterpret_cast<uintptr_t>(b->payload()));
+        --inUse;
         const int c = b->sizeClass;
         if (spareBytes + classBytes(c) <= kSpareBytes && spare[c].size() < kSparePerClass) {
             spare[c].push_back(b);
             spareBytes += classBytes(c);
         } else {
+            known.erase(reinterpret_cast<uintptr_t>(b->payload()));
             b->~Block();
             std::free(b);
         }
@@ -94,24 +97,31 @@ public:
     {
         const uintptr_t a = reinterpret_cast<uintptr_t>(p);
         std::lock_guard<std::mutex> lock(mutex);
-        auto it = live.upper_bound(a);
-        if (it == live.begin()) return nullptr;
+        auto it = known.upper_bound(a);
+        if (it == known.begin()) return nullptr;
         --it;
         Block* b = it->second;
         if (a >= it->first + b->capacity) return nullptr;
-        b->refs.fetch_add(1);
+        // A spare block has no holds and is not handed out.
+        int n = b->refs.load();
+        do {
+            if (n == 0) return nullptr;
+        } while (!b->refs.compare_exchange_weak(n, n + 1));
         return b;
     }
 
     size_t liveCount()
     {
         std::lock_guard<std::mutex> lock(mutex);
-        return live.size();
+        return inUse;
     }
 
 private:
     std::mutex mutex;
-    std::map<uintptr_t, Block*> live;  // payload start -> block
+    // Every block this process has, spare ones included, so that taking a
+    // block from the free list and giving it back touch no tree.
+    std::map<uintptr_t, Block*> known;  // payload start -> block
+    size_t inUse = 0;                   // blocks with holds
     std::vector<Block*> spare[kClasses];
     size_t spareBytes = 0;
 };
@@ -178,19 +188,32 @@ char* NodePool::take(const char* src, int len, int headroom, const QString& owne
     std::memset(p + len, 0, kTailPad);
 
     BlockRef hold(b);
-    std::lock_guard<std::mutex> lock(mutex);
-    recent.push_back(std::move(hold));
-    if (recent.size() > static_cast<size_t>(kWindow)) recent.pop_front();
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::swap(recent[next], hold);
+        next = (next + 1) % kWindow;
+    }
+    // The oldest goes (in `hold`) outside the pool's lock.
     return p;
+}
+
+BlockRef NodePool::find(const void* p)
+{
+    if (!p) return BlockRef();
+    const char* a = static_cast<const char*>(p);
+    std::lock_guard<std::mutex> lock(mutex);
+    for (int i = 1; i <= kWindow; ++i) {
+        const BlockRef& r = recent[(next - i + kWindow) % kWindow];
+        if (r && a >= r.begin() && a < r.end()) return r;
+    }
+    return BlockRef();
 }
 
 void NodePool::clear()
 {
-    std::deque<BlockRef> old;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        old.swap(recent);
-    }
+    BlockRef old[kWindow];
+    std::lock_guard<std::mutex> lock(mutex);
+    for (int i = 0; i < kWindow; ++i) std::swap(old[i], recent[i]);
 }
 
 size_t liveBlocks()

@@ -10,7 +10,6 @@
 
 #include <QString>
 #include <cstddef>
-#include <deque>
 #include <mutex>
 
 namespace vhost {
@@ -56,11 +55,15 @@ public:
     static constexpr int kMaxHeadroom = 1 << 20;
 
     char* take(const char* src, int len, int headroom, const QString& owner);
+    // A hold on the block among this pool's recent ones that contains `p`,
+    // or an empty ref; newest first, so what was just filled is found at once.
+    BlockRef find(const void* p);
     void clear();
 
 private:
     std::mutex mutex;
-    std::deque<BlockRef> recent;
+    BlockRef recent[kWindow];  // a ring; `next` is the oldest
+    int next = 0;
 };
 
 // Blocks currently held by anyone; for tests and diagnostics.

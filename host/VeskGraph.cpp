@@ -4,6 +4,7 @@
 #include <QThread>
 #include <algorithm>
 
+#include "host/VeskDispatcher.h"
 #include "host/VeskHost.h"
 
 VeskGraph::VeskGraph(QObject* parent) : QObject(parent)
@@ -49,6 +50,7 @@ QThread* VeskGraph::threadFor(const QString& key, const QString& name)
     if (QThread* t = threads.value(key)) return t;
     auto* t = new QThread;
     t->setObjectName(name);
+    t->setEventDispatcher(new VeskDispatcher);
     t->start();
     // Lives in the thread so that work which must not run on a node itself
     // (destroying it) still runs there.

@@ -15,8 +15,10 @@
 //
 // Every delivery is queued into the receiver's thread, also when sender and
 // receiver share one: a node's handler never runs inside another node's
-// stack. Packets travel by value and point into the sender's pool; each
-// delivery holds the Packet's block until the receiver's handler returned.
+// stack. Deliveries to one node keep the order they were sent in, and a
+// burst of them costs the receiver's thread one wake-up (see VeskInbox).
+// Packets travel by value and point into the sender's pool; each delivery
+// holds the Packet's block until the receiver's handler returned.
 //
 // shareDepth bounds the backlog of a receiver: at most shareDepth * 16
 // packets may wait for delivery to one node in one direction (audio and
@@ -60,20 +62,54 @@ void reportDrop(VeskObject* to, int side, int limit)
                                 .arg(s.dropped.load());
 }
 
-// Lives as long as the queued call that carries one packet.
-struct InFlight {
-    InFlight(std::shared_ptr<VeskInbox> box, int s, vhost::BlockRef r)
-        : inbox(std::move(box)), side(s), ref(std::move(r))
+// Delivers what waits in the inbox, in order, in the node's thread.
+void drain(VeskObject* to, const std::shared_ptr<VeskInbox>& box)
+{
+    // A handler that spins the event loop may get here again: the nested
+    // drain takes a batch of its own.
+    std::vector<VeskInbox::Item> local;
+    const bool nested = box->inDrain;
+    std::vector<VeskInbox::Item>& batch = nested ? local : box->draining;
     {
+        std::lock_guard<std::mutex> lock(box->mutex);
+        batch.swap(box->items);
+        box->scheduled = false;
     }
-    ~InFlight() { inbox->side[side].pending.fetch_sub(1); }
-    InFlight(const InFlight&) = delete;
-    InFlight& operator=(const InFlight&) = delete;
+    box->inDrain = true;
+    for (VeskInbox::Item& item : batch) {
+        if (item.side == 0)
+            to->onNewPacketA(item.packet);
+        else if (item.side == 1)
+            to->onNewPacketV(item.packet);
+        else
+            item.call();
+        if (item.side >= 0) {
+            // The block goes back as soon as the handler is done with it.
+            item.ref = vhost::BlockRef();
+            box->side[item.side].pending.fetch_sub(1);
+        }
+    }
+    batch.clear();
+    box->inDrain = nested;
+}
 
-    std::shared_ptr<VeskInbox> inbox;
-    int side;
-    vhost::BlockRef ref;
-};
+// Queues one item for `to`, and the drain that delivers it unless one is
+// queued already. Caller holds the sender's linkMutex.
+void enqueue(VeskObject* to, VeskInbox::Item&& item)
+{
+    const std::shared_ptr<VeskInbox>& box = to->d->inbox;
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(box->mutex);
+        box->items.push_back(std::move(item));
+        wake = !box->scheduled;
+        box->scheduled = true;
+    }
+    if (!wake) return;
+    std::shared_ptr<VeskInbox> hold = box;
+    QMetaObject::invokeMethod(
+        to, [to, hold] { drain(to, hold); }, Qt::QueuedConnection);
+}
 
 // Caller holds from's linkMutex.
 void postPacket(VeskObject* to, int side, const VeskObject::Packet& packet,
@@ -86,16 +122,18 @@ void postPacket(VeskObject* to, int side, const VeskObject::Packet& packet,
         reportDrop(to, side, limit);
         return;
     }
-    auto hold = std::make_shared<InFlight>(to->d->inbox, side, ref);
-    QMetaObject::invokeMethod(
-        to,
-        [to, packet, hold] {
-            if (hold->side == 0)
-                to->onNewPacketA(packet);
-            else
-                to->onNewPacketV(packet);
-        },
-        Qt::QueuedConnection);
+    VeskInbox::Item item;
+    item.side = side;
+    item.packet = packet;
+    item.ref = ref;
+    enqueue(to, std::move(item));
+}
+
+void postCall(VeskObject* to, std::function<void()> call)
+{
+    VeskInbox::Item item;
+    item.call = std::move(call);
+    enqueue(to, std::move(item));
 }
 
 void sendPacket(VeskObject* from, int kind, const VeskObject::Packet& packet)
@@ -103,25 +141,25 @@ void sendPacket(VeskObject* from, int kind, const VeskObject::Packet& packet)
     VeskObjectPrivate* d = from->d;
     QMutexLocker lock(&d->linkMutex);
     if (d->down[kind].isEmpty()) return;
-    const vhost::BlockRef ref = vhost::BlockRef::find(packet.data);
+    // Usually a buffer the sender has just filled: found in its own pool
+    // without the process-wide lookup.
+    vhost::BlockRef ref = d->pool.find(packet.data);
+    if (!ref) ref = vhost::BlockRef::find(packet.data);
     for (VeskObject* to : d->down[kind]) postPacket(to, kind, packet, ref);
 }
 
 // Caller holds from's linkMutex.
 void postInfo(VeskObject* to, int kind, const VeskObject::StreamInfo& info)
 {
-    QMetaObject::invokeMethod(
-        to,
-        [to, kind, info] {
-            if (kind == VeskObjectPrivate::KindA) {
-                to->keptInfoA = info;
-                to->onNewInfoA(info);
-            } else {
-                to->keptInfoV = info;
-                to->onNewInfoV(info);
-            }
-        },
-        Qt::QueuedConnection);
+    postCall(to, [to, kind, info] {
+        if (kind == VeskObjectPrivate::KindA) {
+            to->keptInfoA = info;
+            to->onNewInfoA(info);
+        } else {
+            to->keptInfoV = info;
+            to->onNewInfoV(info);
+        }
+    });
 }
 
 void sendInfo(VeskObject* from, int kind, const VeskObject::StreamInfo& info)
@@ -141,8 +179,7 @@ void deliverEvent(VeskObject* from, const QString& name, const QVariant& value)
     VeskObjectPrivate* d = from->d;
     QMutexLocker lock(&d->linkMutex);
     for (VeskObject* to : d->down[VeskObjectPrivate::KindEvent])
-        QMetaObject::invokeMethod(
-            to, [to, name, value] { to->onNewEvent(name, value); }, Qt::QueuedConnection);
+        postCall(to, [to, name, value] { to->onNewEvent(name, value); });
 }
 
 int kindIndex(int bit)
@@ -464,18 +501,15 @@ void unlink(VeskObject* from, VeskObject* to, int kinds)
             to->d->up[k].removeOne(from);
         }
         if (k == VeskObjectPrivate::KindEvent) continue;
-        QMetaObject::invokeMethod(
-            to,
-            [to, k, last] {
-                if (k == VeskObjectPrivate::KindA) {
-                    to->onUnVeskA(last);
-                    to->keptInfoA = VeskObject::StreamInfo();
-                } else {
-                    to->onUnVeskV(last);
-                    to->keptInfoV = VeskObject::StreamInfo();
-                }
-            },
-            Qt::QueuedConnection);
+        postCall(to, [to, k, last] {
+            if (k == VeskObjectPrivate::KindA) {
+                to->onUnVeskA(last);
+                to->keptInfoA = VeskObject::StreamInfo();
+            } else {
+                to->onUnVeskV(last);
+                to->keptInfoV = VeskObject::StreamInfo();
+            }
+        });
     }
 }
 

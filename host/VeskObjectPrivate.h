@@ -4,16 +4,22 @@
 #include <QMutex>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <vector>
 
 #include "frame/VeskObject.h"
 #include "host/VeskBuffers.h"
 #include "host/VeskHost.h"
 
-// Counters of the packets waiting for one node. Deliveries in flight share
-// ownership, so a delivery discarded after the node is gone still finds them.
+// Everything on its way to one node, in the order it was sent: packets,
+// stream announcements, detachments and events. One queued call into the
+// node's thread empties it, however much came in meanwhile, so a receiver
+// wakes once for a burst of packets instead of once a packet. The drain
+// that is under way shares ownership, so it outlives the node's own hold.
 struct VeskInbox {
     struct Side {
         std::atomic<int> pending{0};
@@ -22,6 +28,20 @@ struct VeskInbox {
         std::atomic<qint64> lastReportMs{std::numeric_limits<qint64>::min() / 2};
     };
     Side side[2];  // 0 audio, 1 video
+
+    struct Item {
+        int side = -1;  // 0 audio packet, 1 video packet, -1 call
+        VeskObject::Packet packet;
+        vhost::BlockRef ref;
+        std::function<void()> call;
+    };
+    std::mutex mutex;
+    std::vector<Item> items;  // guarded by mutex
+    bool scheduled = false;   // a drain is queued; guarded by mutex
+    // The batch being delivered, kept between drains for its capacity; only
+    // the node's thread touches it.
+    std::vector<Item> draining;
+    bool inDrain = false;
 };
 
 class VeskObjectPrivate {

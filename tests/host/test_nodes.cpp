@@ -1,11 +1,14 @@
 // The node side of the host: the setData contract, invoke, threads, and the
 // delivery of events, stream descriptions and packets between nodes.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <QJsonDocument>
 #include <QMutex>
 #include <QMutexLocker>
+#include <QSocketNotifier>
 #include <QThread>
+#include <QTimer>
 #include <atomic>
 #include <cstring>
 #include <thread>
@@ -266,6 +269,72 @@ TEST(Packets, FanOutAndBufferPacketAOutliveLaterBuffersAndAFullQueueDropsForItsR
     done = true;
     trimmer.join();
     EXPECT_EQ(trimmed, m + queued);
+}
+
+TEST(Packets, ASendersOrderHoldsAcrossKindsAndANodeThreadRunsTimersAndSocketsTooLeavingNoBlocks)
+{
+    const size_t blocksBefore = vhost::liveBlocks();
+    {
+        VeskGraph g;
+        auto* src = make<Probe>(g, "Probe", "src");
+        auto* r = make<Recorder>(g, "Recorder", "r");
+        auto* parked = make<Recorder>(g, "Recorder", "parked");
+        for (const char* to : {"r", "parked"})
+            g.link("src", to, VeskHost::LinkV | VeskHost::LinkEvent);
+        Gate gate;
+        gate.close(parked);
+
+        // One handler sends everything: the receiver in its own thread
+        // gets it in that order, whatever it batches.
+        VeskGraph::runIn(src, [&] {
+            auto send = [&](int pts) {
+                Packet p;
+                p.data = src->bufferData(nullptr, 100, 20);
+                p.len = 100;
+                p.pts = pts;
+                src->sendPacketV(p);
+            };
+            StreamInfo info;
+            info.type = 4;
+            src->sendInfoV(info);
+            send(1);
+            send(2);
+            src->sendEvent("mid", 7);
+            info.type = 5;
+            src->sendInfoV(info);
+            send(3);
+        });
+        const QStringList want = {"infoV 4, kept 1@r",       "pts 1, dts -1, type 0@r",
+                                  "pts 2, dts -1, type 0@r", "mid=7@r",
+                                  "infoV 5, kept 1@r",       "pts 3, dts -1, type 0@r"};
+        ASSERT_TRUE(waitFor([&] { return r->copy(r->noted).size() == want.size(); }));
+        EXPECT_EQ(r->copy(r->noted), want);
+
+        // Timers and socket notifiers of a node's thread.
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        std::atomic<int> fired{0}, readable{0};
+        QSocketNotifier* notifier = nullptr;
+        VeskGraph::runIn(r, [&] {
+            QTimer::singleShot(30, r, [&] { fired += 1; });
+            notifier = new QSocketNotifier(fds[0], QSocketNotifier::Read, r);
+            QObject::connect(notifier, &QSocketNotifier::activated, r, [&] {
+                char c;
+                if (read(fds[0], &c, 1) == 1) readable += 1;
+            });
+        });
+        ASSERT_EQ(write(fds[1], "x", 1), 1);
+        ASSERT_TRUE(waitFor([&] { return fired == 1 && readable == 1; }));
+        QThread::msleep(50);
+        EXPECT_EQ(fired.load(), 1);
+        VeskGraph::runIn(r, [&] { delete notifier; });
+        close(fds[0]);
+        close(fds[1]);
+        // Deliveries still queued as the graph goes are let go with it.
+        EXPECT_EQ(VeskHost::pendingPackets(parked, VeskHost::LinkV), 3);
+        gate.open();
+    }
+    EXPECT_EQ(vhost::liveBlocks(), blocksBefore);
 }
 
 // ---- graph -------------------------------------------------------------------
