@@ -14,12 +14,17 @@
 #include <QStringList>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "frame/VeskSys.h"
 
 namespace fuzzsys {
 
 int64_t clockUs = 1700000000LL * 1000000;
+
+// Receiver threads the nodes start reach the seam beside the target's own
+// thread; one lock keeps the board's tables whole.
+std::recursive_mutex seamLock;
 
 namespace {
 
@@ -78,8 +83,8 @@ Open* openOf(int fd)
 // QString is made once.
 QString pathOf(const char* path)
 {
-    static QByteArray lastRaw;
-    static QString last;
+    thread_local QByteArray lastRaw;
+    thread_local QString last;
     if (lastRaw != path) {
         lastRaw = path;
         last = QString::fromLocal8Bit(path);
@@ -91,6 +96,7 @@ QString pathOf(const char* path)
 
 void reset()
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     Board& b = board();
     for (const QString& p : b.onDisk) QFile::remove(vsys::path(p));
     // The vectors keep their room for the next input.
@@ -106,6 +112,7 @@ void reset()
 
 void putFile(const QString& boardPath, const QByteArray& bytes, bool disk)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     board().files.insert(boardPath, bytes);
     if (!disk) return;
     const QString real = vsys::path(boardPath);
@@ -117,26 +124,31 @@ void putFile(const QString& boardPath, const QByteArray& bytes, bool disk)
 
 void putLink(const QString& boardPath, const QByteArray& target)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     board().links.insert(boardPath, target);
 }
 
 void putDevice(const QString& boardPath, const QList<Read>& reads)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     board().devices.insert(boardPath, reads);
 }
 
 void queueLineEvents(const QList<QList<Read>>& lines)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     board().lineEvents = lines;
 }
 
 const std::vector<Write>& writes()
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     return board().writes;
 }
 
 int openCount()
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     return int(board().open.size());
 }
 
@@ -148,6 +160,7 @@ using fuzzsys::board;
 
 int open(const char* path, int, mode_t)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     const QString p = fuzzsys::pathOf(path);
     fuzzsys::Board& b = board();
     fuzzsys::Open o;
@@ -167,6 +180,7 @@ int open(const char* path, int, mode_t)
 
 int close(int fd)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     auto& open = board().open;
     for (auto it = open.begin(); it != open.end(); ++it) {
         if (it->first == fd) {
@@ -180,6 +194,7 @@ int close(int fd)
 
 ssize_t read(int fd, void* buf, size_t len)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     fuzzsys::Open* it = fuzzsys::openOf(fd);
     if (!it) {
         errno = EBADF;
@@ -205,6 +220,7 @@ ssize_t read(int fd, void* buf, size_t len)
 
 ssize_t write(int fd, const void* buf, size_t len)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     fuzzsys::Open* it = fuzzsys::openOf(fd);
     if (!it || !it->isDevice) {
         errno = EBADF;
@@ -217,6 +233,7 @@ ssize_t write(int fd, const void* buf, size_t len)
 
 int ioctl(int fd, unsigned long request, void* arg)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     fuzzsys::Open* it = fuzzsys::openOf(fd);
     if (!it || !it->isDevice) {
         errno = EBADF;
@@ -237,6 +254,7 @@ int ioctl(int fd, unsigned long request, void* arg)
 
 int ioctl(int fd, unsigned long request, unsigned long arg)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     fuzzsys::Open* it = fuzzsys::openOf(fd);
     if (!it || !it->isDevice) {
         errno = EBADF;
@@ -259,6 +277,7 @@ int munmap(void*, size_t)
 
 bool exists(const QString& path)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     const fuzzsys::Board& b = board();
     if (b.files.contains(path) || b.links.contains(path) || b.devices.contains(path)) return true;
     // A folder exists when something lies in it.
@@ -272,6 +291,7 @@ bool exists(const QString& path)
 
 int stat(const char* path, struct stat* st)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     const QString p = QString::fromLocal8Bit(path);
     if (!exists(p)) {
         errno = ENOENT;
@@ -286,6 +306,7 @@ int stat(const char* path, struct stat* st)
 
 ssize_t readlink(const char* path, char* buf, size_t len)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     const QString p = QString::fromLocal8Bit(path);
     if (!board().links.contains(p)) {
         errno = EINVAL;
@@ -321,6 +342,7 @@ int system(const char*)
 
 int clock_gettime(clockid_t, struct timespec* ts)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     ts->tv_sec = time_t(fuzzsys::clockUs / 1000000);
     ts->tv_nsec = long(fuzzsys::clockUs % 1000000) * 1000;
     return 0;
@@ -328,11 +350,13 @@ int clock_gettime(clockid_t, struct timespec* ts)
 
 void usleep(int64_t us)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     if (us > 0) fuzzsys::clockUs += us;
 }
 
 void msleep(int64_t ms)
 {
+    std::lock_guard<std::recursive_mutex> g(fuzzsys::seamLock);
     if (ms > 0) fuzzsys::clockUs += ms * 1000;
 }
 
