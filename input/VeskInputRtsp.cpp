@@ -667,31 +667,41 @@ void VeskInputRtsp::onReadUdpRtcpV()
         answerRtcp(udpRtcpV);
 }
 
+int VeskInputRtsp::takeDatagram(QUdpSocket& socket, bool video, char** out)
+{
+    const qint64 size = socket.pendingDatagramSize();
+    if (size <= 0 || size > INT_MAX) {
+        if (socket.readDatagram(nullptr, 0) < 0) return kNoMore;
+        log(QStringLiteral("empty datagram on the %1 port, dropped")
+                .arg(video ? QStringLiteral("video") : QStringLiteral("audio")));
+        return kDropped;
+    }
+    // Straight into a pool buffer: audio leaves in it without a copy.
+    char* buf = bufferData(nullptr, int(size), kHeadroom);
+    if (!buf) {
+        if (socket.readDatagram(nullptr, 0) < 0) return kNoMore;
+        log(QStringLiteral("no buffer for a datagram of %1 bytes, dropped").arg(size));
+        return kDropped;
+    }
+    const qint64 got = socket.readDatagram(buf, size);
+    if (got <= 0) return kNoMore;
+    if (!running) return kDropped;
+    const int len = rtpUnpaddedLength(buf, int(got));
+    if (len < 0) {
+        log(QStringLiteral("padding longer than a datagram of %1 bytes, dropped").arg(got));
+        return kDropped;
+    }
+    *out = buf;
+    return len;
+}
+
 void VeskInputRtsp::readUdp(QUdpSocket& socket, bool video)
 {
     for (int n = 0; n < kDatagramsPerRead && socket.hasPendingDatagrams(); ++n) {
-        const qint64 size = socket.pendingDatagramSize();
-        if (size <= 0 || size > INT_MAX) {
-            if (socket.readDatagram(nullptr, 0) < 0) break;
-            log(QStringLiteral("empty datagram on the %1 port, dropped")
-                    .arg(video ? QStringLiteral("video") : QStringLiteral("audio")));
-            continue;
-        }
-        // Straight into a pool buffer: audio leaves in it without a copy.
-        char* buf = bufferData(nullptr, int(size), kHeadroom);
-        if (!buf) {
-            if (socket.readDatagram(nullptr, 0) < 0) break;
-            log(QStringLiteral("no buffer for a datagram of %1 bytes, dropped").arg(size));
-            continue;
-        }
-        const qint64 got = socket.readDatagram(buf, size);
-        if (got <= 0) break;
-        if (!running) continue;
-        const int len = rtpUnpaddedLength(buf, int(got));
-        if (len < 0) {
-            log(QStringLiteral("padding longer than a datagram of %1 bytes, dropped").arg(got));
-            continue;
-        }
+        char* buf = nullptr;
+        const int len = takeDatagram(socket, video, &buf);
+        if (len == kNoMore) break;
+        if (len == kDropped) continue;
         if (video)
             media.parseV(buf, len);
         else

@@ -81,6 +81,10 @@ private:
     void endSession(bool announce = true);
     bool bindUdp();
     void readUdp(QUdpSocket& socket, bool video);
+    // The next datagram of `socket` in a pool buffer (*out), padding cut:
+    // its length, or kNoMore (nothing more to read now) or kDropped (logged).
+    static constexpr int kNoMore = -1, kDropped = -2;
+    int takeDatagram(QUdpSocket& socket, bool video, char** out);
     void answerRtcp(QUdpSocket& socket);
     void sendReady();
     void refreshSettings();

@@ -239,25 +239,10 @@ void VeskInputRtsp::readUdpInterop(QUdpSocket& socket, bool video)
         deliverUdp(video, buf, len, held);
     };
     for (int n = 0; n < kDatagramsPerRead && socket.hasPendingDatagrams(); ++n) {
-        const qint64 size = socket.pendingDatagramSize();
-        if (size <= 0 || size > INT_MAX) {
-            if (socket.readDatagram(nullptr, 0) < 0) break;
-            continue;
-        }
-        char* buf = bufferData(nullptr, int(size), kHeadroom);
-        if (!buf) {
-            if (socket.readDatagram(nullptr, 0) < 0) break;
-            log(QStringLiteral("no buffer for a datagram of %1 bytes, dropped").arg(size));
-            continue;
-        }
-        const qint64 got = socket.readDatagram(buf, size);
-        if (got <= 0) break;
-        if (!running) continue;
-        const int len = rtpUnpaddedLength(buf, int(got));
-        if (len < 0) {
-            log(QStringLiteral("padding longer than a datagram of %1 bytes, dropped").arg(got));
-            continue;
-        }
+        char* buf = nullptr;
+        const int len = takeDatagram(socket, video, &buf);
+        if (len == kNoMore) break;
+        if (len == kDropped) continue;
         // Media over UDP is a sign of life like a frame over TCP.
         alive = true;
         if (!udpSeen) {
