@@ -1,5 +1,6 @@
 #include "host/VeskDispatcher.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -30,7 +31,8 @@ constexpr uint32_t kTypeReady[3] = {EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR,
 
 }  // namespace
 
-VeskDispatcher::VeskDispatcher(QObject* parent) : QAbstractEventDispatcher(parent)
+VeskDispatcher::VeskDispatcher(int coalesceMs, QObject* parent)
+    : QAbstractEventDispatcher(parent), coalesceNs(int64_t(std::max(coalesceMs, 0)) * 1000000)
 {
     epollFd = epoll_create1(EPOLL_CLOEXEC);
     wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -75,14 +77,31 @@ bool VeskDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
         if (interrupted.load() || wakePending.load()) timeoutMs = 0;
     }
 
+    int64_t windowNs = 0;
+    if (coalesceNs > 0 && socketsServedNs > 0) windowNs = socketsServedNs + coalesceNs - nowNs();
     epoll_event events[64];
-    int n;
-    do {
-        n = epoll_wait(epollFd, events, 64, timeoutMs);
-    } while (n < 0 && errno == EINTR && timeoutMs == 0);
-    if (timeoutMs != 0) emit awake();
+    int n = 0;
+    if (windowNs > 0) {
+        // Within the window the sockets are not looked at: what they bring
+        // meanwhile is read in one go once it has passed. Posted events and
+        // timers are served as ever.
+        const int64_t waitNs =
+            timeoutMs < 0 ? windowNs : std::min(windowNs, int64_t(timeoutMs) * 1000000);
+        pollfd p{wakeFd, POLLIN, 0};
+        const timespec ts{time_t(waitNs / 1000000000), long(waitNs % 1000000000)};
+        if (ppoll(&p, 1, &ts, nullptr) > 0) {
+            events[0].data.fd = wakeFd;
+            n = 1;
+        }
+        if (waitNs > 0) emit awake();
+    } else {
+        do {
+            n = epoll_wait(epollFd, events, 64, timeoutMs);
+        } while (n < 0 && errno == EINTR && timeoutMs == 0);
+        if (timeoutMs != 0) emit awake();
+    }
 
-    bool posted = false;
+    bool posted = false, served = false;
     for (int i = 0; i < n; ++i) {
         if (events[i].data.fd == wakeFd) {
             uint64_t count;
@@ -92,7 +111,11 @@ bool VeskDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
             continue;
         }
         if (flags & QEventLoop::ExcludeSocketNotifiers) continue;
-        did = activate(events[i].data.fd, events[i].events) || did;
+        served = activate(events[i].data.fd, events[i].events) || served;
+    }
+    if (served) {
+        did = true;
+        if (coalesceNs > 0) socketsServedNs = nowNs();
     }
     if (timersToo) did = fireTimers() || did;
     if (posted) {

@@ -7,6 +7,12 @@
 // time, writes the eventfd only for the first event posted since the thread
 // last looked, and takes timers from a list that a thread with a handful of
 // nodes keeps short.
+//
+// With a coalescing window, a thread that has just served its sockets looks
+// at them again only once the window has passed, so that a paced stream's
+// segments that arrive meanwhile are read in one wake-up instead of one
+// each; posted events and timers are served on time throughout. The cost is
+// up to the window's length of delay on what a socket brings.
 #pragma once
 
 #include <QAbstractEventDispatcher>
@@ -17,7 +23,8 @@
 
 class VeskDispatcher : public QAbstractEventDispatcher {
 public:
-    explicit VeskDispatcher(QObject* parent = nullptr);
+    // coalesceMs: the window (0: sockets are served as soon as they are ready).
+    explicit VeskDispatcher(int coalesceMs = 0, QObject* parent = nullptr);
     ~VeskDispatcher() override;
 
     bool processEvents(QEventLoop::ProcessEventsFlags flags) override;
@@ -58,6 +65,8 @@ private:
 
     int epollFd = -1;
     int wakeFd = -1;
+    const int64_t coalesceNs;
+    int64_t socketsServedNs = 0;  // when a round last served a socket
     std::atomic<bool> wakePending{false};
     std::atomic<bool> interrupted{false};
     std::vector<Timer> timers;

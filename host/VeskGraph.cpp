@@ -7,7 +7,8 @@
 #include "host/VeskDispatcher.h"
 #include "host/VeskHost.h"
 
-VeskGraph::VeskGraph(QObject* parent) : QObject(parent)
+VeskGraph::VeskGraph(QObject* parent)
+    : QObject(parent), coalesceMs(qEnvironmentVariableIntValue("VESK_COALESCE_MS"))
 {
     VeskHost::registerMetaTypes();
 }
@@ -50,7 +51,7 @@ QThread* VeskGraph::threadFor(const QString& key, const QString& name)
     if (QThread* t = threads.value(key)) return t;
     auto* t = new QThread;
     t->setObjectName(name);
-    t->setEventDispatcher(new VeskDispatcher);
+    t->setEventDispatcher(new VeskDispatcher(coalesceMs));
     t->start();
     // Lives in the thread so that work which must not run on a node itself
     // (destroying it) still runs there.
@@ -289,8 +290,9 @@ bool VeskGraph::build(const QVariantMap& description, QStringList* problems)
         for (const QVariant& c : invokeValue.toList()) {
             const QVariantList call = c.toList();
             if (call.isEmpty() || call.size() > 2 || call[0].userType() != QMetaType::QString)
-                found << label + QStringLiteral(": an \"invoke\" entry is not [method] or "
-                                                "[method, argument], ignored");
+                found << label + QStringLiteral(
+                                     ": an \"invoke\" entry is not [method] or "
+                                     "[method, argument], ignored");
             else
                 calls.append({call[0].toString(), call.value(1)});
         }

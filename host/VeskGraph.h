@@ -10,6 +10,7 @@
 #include <QObject>
 #include <QStringList>
 #include <QVariant>
+#include <algorithm>
 #include <functional>
 
 #include "frame/VeskObject.h"
@@ -65,6 +66,12 @@ public:
     // when that is the calling thread or the thread is not running.
     static void runIn(QObject* context, const std::function<void()>& fn);
 
+    // The coalescing window of the threads made from now on, in ms (see
+    // VeskDispatcher); 0, the default, serves sockets as soon as they are
+    // ready. The environment's VESK_COALESCE_MS sets it for a whole process.
+    void setCoalesceMs(int ms) { coalesceMs = std::max(ms, 0); }
+    int coalesce() const { return coalesceMs; }
+
 signals:
     // Every event of every node, and every stream announcement as "infoA" or
     // "infoV"; delivered in the graph's thread.
@@ -84,4 +91,5 @@ private:
     QStringList order;
     QMap<QString, QThread*> threads;  // key -> thread
     QMap<QThread*, QObject*> anchors;
+    int coalesceMs = 0;
 };
