@@ -27,45 +27,20 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "bench/cpu_window.h"
 #include "frame/VeskObject.h"
 #include "host/VeskDispatcher.h"
 #include "host/VeskHost.h"
 
 namespace {
 
-double cpuNow()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
-}
-
-// Marks the process CPU time at the `from`th and `to`th call of note().
-struct Window {
-    Window(qint64 from, qint64 to) : from(from), to(to) {}
-    void note()
-    {
-        const qint64 n = ++count;
-        if (n == from) cpuFrom = cpuNow();
-        if (n == to) {
-            cpuTo = cpuNow();
-            done = true;
-        }
-    }
-    qint64 from, to;
-    std::atomic<qint64> count{0};
-    std::atomic<bool> done{false};
-    double cpuFrom = 0, cpuTo = 0;
-};
-
 class Receiver : public VeskObject {
 public:
-    explicit Receiver(Window& w) : w(w)
+    explicit Receiver(CpuWindow& w) : w(w)
     {
         setName(QStringLiteral("receiver"));
         // A busy machine may keep the receiver's thread away for a while:
@@ -77,13 +52,13 @@ public:
         if (p.len != 1024 || p.data[0] != 'v') bad = true;
         w.note();
     }
-    Window& w;
+    CpuWindow& w;
     std::atomic<bool> bad{false};
 };
 
 class Source : public VeskObject {
 public:
-    Source(int burst, Window* idle) : burst(burst), idle(idle)
+    Source(int burst, CpuWindow* idle) : burst(burst), idle(idle)
     {
         setName(QStringLiteral("source"));
         std::memset(payload, 'v', sizeof payload);
@@ -113,7 +88,7 @@ private:
         }
     }
     int burst;
-    Window* idle;
+    CpuWindow* idle;
     QTimer* timer = nullptr;
     qint64 sent = 0;
     char payload[1024];
@@ -134,7 +109,7 @@ double hostRun(bool sameThread, qint64 packets, int burst)
     src.start();
     if (!sameThread) dst.start();
     // Well inside the run: the first ticks warm the pool up.
-    Window w(burst * 50, burst * 50 + packets);
+    CpuWindow w(burst * 50, burst * 50 + packets);
     Source s(burst, nullptr);
     Receiver r(w);
     s.moveToThread(&src);
@@ -161,7 +136,7 @@ double hostRun(bool sameThread, qint64 packets, int burst)
                      static_cast<unsigned long long>(dropped), r.bad ? ", some damaged" : "");
         return std::nan("");
     }
-    return (w.cpuTo - w.cpuFrom) / double(packets);
+    return w.seconds() / double(packets);
 }
 
 // CPU seconds per packet of the timer alone, ticks that send nothing.
@@ -171,7 +146,7 @@ double timerRun(qint64 packets, int burst)
     src.setEventDispatcher(new VeskDispatcher);
     src.start();
     const qint64 ticks = packets / burst;
-    Window w(50, 50 + ticks);
+    CpuWindow w(50, 50 + ticks);
     Source s(burst, &w);
     s.moveToThread(&src);
     QMetaObject::invokeMethod(
@@ -184,7 +159,7 @@ double timerRun(qint64 packets, int burst)
         &s, [&] { s.moveToThread(home); }, Qt::BlockingQueuedConnection);
     src.quit();
     src.wait();
-    return (w.cpuTo - w.cpuFrom) / double(ticks * burst);
+    return w.seconds() / double(ticks * burst);
 }
 
 // CPU seconds of one gst-launch-1.0 process.

@@ -11,51 +11,16 @@
 // and, on standard error, each stream that came up short.
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QThread>
 #include <QTimer>
-#include <atomic>
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <memory>
 #include <vector>
 
-#include "frame/VeskObject.h"
+#include "bench/counting_sink.h"
 #include "host/VeskGraph.h"
 #include "host/VeskHost.h"
-
-namespace {
-
-class CountingSink : public VeskObject {
-public:
-    explicit CountingSink(int i)
-    {
-        setName(QStringLiteral("count%1").arg(i));
-        // Room for a whole socket read's worth of units in one queue.
-        shareDepth = 64;
-    }
-    void onNewPacketV(VeskObject::Packet p) override
-    {
-        if (p.len < 4 || std::memcmp(p.data, "\0\0\0\1", 4) != 0)
-            badStart.fetch_add(1, std::memory_order_relaxed);
-        videoPackets.fetch_add(1, std::memory_order_relaxed);
-    }
-    void onNewPacketA(VeskObject::Packet) override
-    {
-        audioPackets.fetch_add(1, std::memory_order_relaxed);
-    }
-
-    std::atomic<qint64> videoPackets{0}, audioPackets{0}, badStart{0};
-};
-
-bool verbose = false;
-
-void quietDebug(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    if (type == QtDebugMsg && !verbose) return;
-    std::fprintf(stderr, "%s\n", qPrintable(text));
-}
-
-}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -78,7 +43,7 @@ int main(int argc, char** argv)
         } else if (a == "--threads" && i + 1 < argc) {
             threads = std::max(0, std::atoi(argv[++i]));
         } else if (a == "-v") {
-            verbose = true;
+            verboseLog = true;
         }
     }
     qInstallMessageHandler(quietDebug);
@@ -96,21 +61,16 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "rtsp-many: %s\n", qPrintable(error));
             return 1;
         }
-        sinks.emplace_back(new CountingSink(i));
+        sinks.emplace_back(new CountingSink(QStringLiteral("count%1").arg(i)));
         sinks.back()->moveToThread(node->thread());
         VeskHost::link(node, sinks.back().get(), VeskHost::LinkA | VeskHost::LinkV);
         nodes.push_back(node);
     }
 
-    QString end;
-    auto finish = [&](const QString& why) {
-        if (!end.isEmpty()) return;
-        end = why;
-        app.quit();
-    };
+    RunEnd finish;
     QObject::connect(&graph, &VeskGraph::nodeEvent, &app,
                      [&](const QString& node, const QString& event, const QVariant&) {
-                         if (verbose)
+                         if (verboseLog)
                              std::fprintf(stderr, "%s: event %s\n", qPrintable(node),
                                           qPrintable(event));
                      });
@@ -154,13 +114,9 @@ int main(int argc, char** argv)
     for (int i = 0; i < streams; ++i) graph.stop(QStringLiteral("rtsp%1").arg(i));
     quint64 dropped = 0;
     qint64 v = 0, a = 0, bad = 0;
-    QThread* home = QThread::currentThread();
     for (int i = 0; i < streams; ++i) {
         CountingSink* s = sinks[size_t(i)].get();
-        // Packets already queued for the sink are counted before it is read.
-        VeskGraph::runIn(s, [] {});
-        dropped += VeskHost::droppedPackets(s, VeskHost::LinkA) +
-                   VeskHost::droppedPackets(s, VeskHost::LinkV);
+        dropped += s->takeBack();
         v += s->videoPackets.load();
         a += s->audioPackets.load();
         bad += s->badStart.load();
@@ -169,8 +125,6 @@ int main(int argc, char** argv)
                 stderr, "rtsp-many: stream %d: video %lld of %lld, audio %lld of %lld\n", i,
                 static_cast<long long>(s->videoPackets.load()), static_cast<long long>(wantV),
                 static_cast<long long>(s->audioPackets.load()), static_cast<long long>(wantA));
-        VeskHost::detach(s);
-        VeskGraph::runIn(s, [&] { s->moveToThread(home); });
     }
     const int done = wantV >= 0 ? complete() : 0;
     graph.shutdown();
@@ -179,6 +133,7 @@ int main(int argc, char** argv)
         "vesk streams=%d complete=%d video_packets=%lld audio_packets=%lld bad_start=%lld "
         "dropped=%llu end=%s\n",
         streams, done, static_cast<long long>(v), static_cast<long long>(a),
-        static_cast<long long>(bad), static_cast<unsigned long long>(dropped), qPrintable(end));
+        static_cast<long long>(bad), static_cast<unsigned long long>(dropped),
+        qPrintable(finish.why));
     return (wantV < 0 || done == streams) && bad == 0 && dropped == 0 ? 0 : 1;
 }

@@ -13,22 +13,15 @@
 // connection; once every client has hung up it prints one line a client,
 //   sent INDEX BYTES SECONDS LATE_MS
 // (LATE_MS: the furthest a record fell behind its time), then "done".
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -38,17 +31,11 @@
 
 namespace {
 
-constexpr int kWaitMs = 30000;
 const char kSession[] = "5eb1c0de02";
 
-bool verbose = false;
-
-int64_t nowUs()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
+using rtspwire::kWaitMs;
+using rtspwire::nowUs;
+using rtspwire::verbose;
 
 uint32_t be32(const char* p)
 {
@@ -62,11 +49,8 @@ struct Record {
     int64_t dueUs;  // after PLAY
 };
 
-struct Recording {
-    const char* map = nullptr;
-    uint64_t size = 0;
+struct Recording : rtspwire::Recording {
     std::vector<Record> records;
-    std::map<std::string, std::string> meta;
     bool audio = false;
 
     // Due times from the RTP time stamps; RTCP goes with the record before.
@@ -204,21 +188,7 @@ private:
     std::string sdp(const std::string& base) const
     {
         const auto& meta = rec.meta;
-        std::string s =
-            "v=0\r\n"
-            "o=- 1 1 IN IP4 127.0.0.1\r\n"
-            "s=Paced stream\r\n"
-            "c=IN IP4 0.0.0.0\r\n"
-            "t=0 0\r\n"
-            "a=control:*\r\n"
-            "m=video 0 RTP/AVP 96\r\n"
-            "a=rtpmap:96 H264/90000\r\n"
-            "a=fmtp:96 packetization-mode=1;profile-level-id=" +
-            meta.at("profile") + ";sprop-parameter-sets=" + meta.at("sprop") +
-            "\r\n"
-            "a=framerate:25\r\n"
-            "a=control:" +
-            base + "stream=0\r\n";
+        std::string s = rtspwire::videoSdp(meta, "Paced stream", base);
         if (rec.audio)
             s += "m=audio 0 RTP/AVP 97\r\n"
                  "a=rtpmap:97 MPEG4-GENERIC/" +
@@ -236,10 +206,7 @@ private:
     void reply(const rtspwire::Message& req, const std::string& status, const std::string& headers,
                const std::string& body = std::string())
     {
-        std::string text =
-            "RTSP/1.0 " + status + "\r\nCSeq: " + req.header("CSeq") + "\r\n" + headers;
-        if (!body.empty()) text += "Content-Length: " + std::to_string(body.size()) + "\r\n";
-        text += "\r\n" + body;
+        const std::string text = rtspwire::replyText(req, status, headers, body);
         if (verbose) std::fprintf(stderr, "<<< %d %s", index, text.c_str());
         out += text;
     }
@@ -252,8 +219,7 @@ private:
         std::string url = m.word(1);
         const std::string session = std::string("Session: ") + kSession + ";timeout=60\r\n";
         if (method == "OPTIONS") {
-            reply(m, "200 OK",
-                  "Public: OPTIONS, DESCRIBE, SETUP, PLAY, TEARDOWN, GET_PARAMETER\r\n");
+            reply(m, "200 OK", rtspwire::kPublic);
         } else if (method == "DESCRIBE") {
             if (url.empty() || url.back() != '/') url += '/';
             reply(m, "200 OK", "Content-Base: " + url + "\r\nContent-Type: application/sdp\r\n",
@@ -300,42 +266,12 @@ private:
 
 int main(int argc, char** argv)
 {
-    if (argc < 3) {
-        std::fprintf(stderr, "usage: rtsp-paced RECORDING STREAMS [-v]\n");
-        return 2;
-    }
-    verbose = argc > 3 && std::string(argv[3]) == "-v";
-    std::signal(SIGPIPE, SIG_IGN);
+    if (!rtspwire::serverArgs(argc, argv, 2, "rtsp-paced RECORDING STREAMS [-v]")) return 2;
     const std::string path = argv[1];
     const int streams = std::max(1, std::atoi(argv[2]));
     Recording rec;
-    {
-        std::ifstream in(path + ".meta");
-        std::string line;
-        while (std::getline(in, line)) {
-            const size_t eq = line.find('=');
-            if (eq != std::string::npos) rec.meta[line.substr(0, eq)] = line.substr(eq + 1);
-        }
-    }
-    for (const char* key : {"profile", "sprop", "ssrc", "seq", "rtptime"})
-        if (!rec.meta.count(key)) {
-            std::fprintf(stderr, "rtsp-paced: %s.meta has no %s\n", path.c_str(), key);
-            return 1;
-        }
+    if (!rec.open(path, true, "rtsp-paced")) return 1;
     rec.audio = rec.meta.count("audio_rate") > 0;
-    const int file = open(path.c_str(), O_RDONLY);
-    struct stat st {};
-    if (file < 0 || fstat(file, &st) != 0 || st.st_size <= 0) {
-        std::fprintf(stderr, "rtsp-paced: %s: %s\n", path.c_str(), std::strerror(errno));
-        return 1;
-    }
-    rec.size = uint64_t(st.st_size);
-    void* map = mmap(nullptr, rec.size, PROT_READ, MAP_SHARED | MAP_POPULATE, file, 0);
-    if (map == MAP_FAILED) {
-        std::fprintf(stderr, "rtsp-paced: mmap: %s\n", std::strerror(errno));
-        return 1;
-    }
-    rec.map = static_cast<const char*>(map);
     try {
         if (!rec.index()) throw std::runtime_error("bad record");
     } catch (const std::exception&) {
@@ -343,19 +279,8 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t alen = sizeof a;
-    if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-        listen(listener, 256) != 0 ||
-        getsockname(listener, reinterpret_cast<sockaddr*>(&a), &alen) != 0) {
-        std::fprintf(stderr, "rtsp-paced: listen: %s\n", std::strerror(errno));
-        return 1;
-    }
-    std::printf("port %u\n", unsigned(ntohs(a.sin_port)));
-    std::fflush(stdout);
+    const int listener = rtspwire::listenLocal(256, SOCK_NONBLOCK, "rtsp-paced");
+    if (listener < 0) return 1;
 
     const int ep = epoll_create1(EPOLL_CLOEXEC);
     epoll_event ev{};

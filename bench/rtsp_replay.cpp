@@ -10,23 +10,16 @@
 //   sent BYTES SECONDS
 // where SECONDS runs from the PLAY reply to the client's hang-up: the time
 // the client took to take the whole stream in.
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/mman.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
-#include <fstream>
 #include <map>
 #include <string>
 
@@ -35,35 +28,20 @@
 namespace {
 
 constexpr size_t kChunk = 1 << 20;
-constexpr int kWaitMs = 30000;
 const char kSession[] = "5eb1c0de01";
 
-bool verbose = false;
+using rtspwire::kWaitMs;
+using rtspwire::verbose;
 
 double now()
 {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
-}
-
-std::map<std::string, std::string> readMeta(const std::string& path)
-{
-    std::map<std::string, std::string> meta;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        const size_t eq = line.find('=');
-        if (eq != std::string::npos) meta[line.substr(0, eq)] = line.substr(eq + 1);
-    }
-    return meta;
+    return double(rtspwire::nowUs()) / 1e6;
 }
 
 class Server {
 public:
-    Server(int fd, int file, const char* map, uint64_t size,
-           std::map<std::string, std::string> meta)
-        : fd(fd), file(file), map(map), size(size), meta(std::move(meta))
+    Server(int fd, const rtspwire::Recording& rec)
+        : fd(fd), file(rec.file), map(rec.map), size(rec.size), meta(rec.meta)
     {
     }
 
@@ -146,31 +124,10 @@ private:
         return true;
     }
 
-    std::string sdp(const std::string& base) const
-    {
-        return "v=0\r\n"
-               "o=- 1 1 IN IP4 127.0.0.1\r\n"
-               "s=Recorded stream\r\n"
-               "c=IN IP4 0.0.0.0\r\n"
-               "t=0 0\r\n"
-               "a=control:*\r\n"
-               "m=video 0 RTP/AVP 96\r\n"
-               "a=rtpmap:96 H264/90000\r\n"
-               "a=fmtp:96 packetization-mode=1;profile-level-id=" +
-               meta.at("profile") + ";sprop-parameter-sets=" + meta.at("sprop") +
-               "\r\n"
-               "a=framerate:25\r\n"
-               "a=control:" +
-               base + "stream=0\r\n";
-    }
-
     bool reply(const rtspwire::Message& req, const std::string& status, const std::string& headers,
                const std::string& body = std::string())
     {
-        std::string text =
-            "RTSP/1.0 " + status + "\r\nCSeq: " + req.header("CSeq") + "\r\n" + headers;
-        if (!body.empty()) text += "Content-Length: " + std::to_string(body.size()) + "\r\n";
-        text += "\r\n" + body;
+        const std::string text = rtspwire::replyText(req, status, headers, body);
         if (verbose) std::fprintf(stderr, "<<< %s", text.c_str());
         // One write: a client may take the body from the same segment only.
         return rtspwire::writeAll(fd, text);
@@ -182,14 +139,12 @@ private:
         const std::string method = m.word(0);
         std::string url = m.word(1);
         const std::string session = std::string("Session: ") + kSession + ";timeout=60\r\n";
-        if (method == "OPTIONS")
-            return reply(m, "200 OK",
-                         "Public: OPTIONS, DESCRIBE, SETUP, PLAY, TEARDOWN, GET_PARAMETER\r\n");
+        if (method == "OPTIONS") return reply(m, "200 OK", rtspwire::kPublic);
         if (method == "DESCRIBE") {
             if (url.empty() || url.back() != '/') url += '/';
             return reply(m, "200 OK",
                          "Content-Base: " + url + "\r\nContent-Type: application/sdp\r\n",
-                         sdp(url));
+                         rtspwire::videoSdp(meta, "Recorded stream", url));
         }
         if (method == "SETUP") {
             const std::string t = m.header("Transport");
@@ -221,7 +176,7 @@ private:
     int fd, file;
     const char* map;
     uint64_t size;
-    std::map<std::string, std::string> meta;
+    const std::map<std::string, std::string>& meta;
     std::string in;
     bool playing = false;
 };
@@ -230,45 +185,11 @@ private:
 
 int main(int argc, char** argv)
 {
-    if (argc < 2) {
-        std::fprintf(stderr, "usage: rtsp-replay RECORDING [-v]\n");
-        return 2;
-    }
-    verbose = argc > 2 && std::string(argv[2]) == "-v";
-    std::signal(SIGPIPE, SIG_IGN);
-    const std::string path = argv[1];
-    const auto meta = readMeta(path + ".meta");
-    for (const char* key : {"profile", "sprop", "ssrc", "seq", "rtptime"})
-        if (!meta.count(key)) {
-            std::fprintf(stderr, "rtsp-replay: %s.meta has no %s\n", path.c_str(), key);
-            return 1;
-        }
-    const int file = open(path.c_str(), O_RDONLY);
-    struct stat st {};
-    if (file < 0 || fstat(file, &st) != 0 || st.st_size <= 0) {
-        std::fprintf(stderr, "rtsp-replay: %s: %s\n", path.c_str(), std::strerror(errno));
-        return 1;
-    }
-    const uint64_t size = uint64_t(st.st_size);
-    void* map = mmap(nullptr, size, PROT_READ, MAP_SHARED, file, 0);
-    if (map == MAP_FAILED) {
-        std::fprintf(stderr, "rtsp-replay: mmap: %s\n", std::strerror(errno));
-        return 1;
-    }
-
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t alen = sizeof a;
-    if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-        listen(listener, 1) != 0 ||
-        getsockname(listener, reinterpret_cast<sockaddr*>(&a), &alen) != 0) {
-        std::fprintf(stderr, "rtsp-replay: listen: %s\n", std::strerror(errno));
-        return 1;
-    }
-    std::printf("port %u\n", unsigned(ntohs(a.sin_port)));
-    std::fflush(stdout);
+    if (!rtspwire::serverArgs(argc, argv, 1, "rtsp-replay RECORDING [-v]")) return 2;
+    rtspwire::Recording rec;
+    if (!rec.open(argv[1], false, "rtsp-replay")) return 1;
+    const int listener = rtspwire::listenLocal(1, 0, "rtsp-replay");
+    if (listener < 0) return 1;
 
     pollfd p{listener, POLLIN, 0};
     if (poll(&p, 1, kWaitMs) <= 0) {
@@ -289,7 +210,7 @@ int main(int argc, char** argv)
     const int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 
-    Server server(fd, file, static_cast<const char*>(map), size, meta);
+    Server server(fd, rec);
     if (!server.dialogue()) {
         std::fprintf(stderr, "rtsp-replay: the client left before PLAY\n");
         return 1;

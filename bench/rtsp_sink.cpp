@@ -15,48 +15,11 @@
 #include <QElapsedTimer>
 #include <QThread>
 #include <QTimer>
-#include <atomic>
 #include <cstdio>
-#include <cstring>
 
-#include "frame/VeskObject.h"
+#include "bench/counting_sink.h"
 #include "host/VeskGraph.h"
 #include "host/VeskHost.h"
-
-namespace {
-
-class CountingSink : public VeskObject {
-public:
-    CountingSink()
-    {
-        setName(QStringLiteral("count"));
-        // Room for a whole socket read's worth of units in one queue.
-        shareDepth = 64;
-    }
-    void onNewPacketV(VeskObject::Packet p) override
-    {
-        videoPackets.fetch_add(1, std::memory_order_relaxed);
-        videoBytes.fetch_add(p.len, std::memory_order_relaxed);
-        if (p.frameType == 0) ++keyPackets;
-        if (p.len < 4 || std::memcmp(p.data, "\0\0\0\1", 4) != 0) ++badStart;
-        if (dump) std::fwrite(p.data, 1, size_t(p.len), dump);
-    }
-    void onNewPacketA(VeskObject::Packet) override { ++audioPackets; }
-
-    std::atomic<qint64> videoPackets{0}, videoBytes{0};
-    qint64 keyPackets = 0, badStart = 0, audioPackets = 0;
-    FILE* dump = nullptr;
-};
-
-bool verbose = false;
-
-void quietDebug(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    if (type == QtDebugMsg && !verbose) return;
-    std::fprintf(stderr, "%s\n", qPrintable(text));
-}
-
-}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -71,7 +34,7 @@ int main(int argc, char** argv)
         else if (a == "--dump" && i + 1 < argc)
             dumpPath = argv[++i];
         else if (a == "-v")
-            verbose = true;
+            verboseLog = true;
         else
             url = QString::fromLocal8Bit(a);
     }
@@ -89,7 +52,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "rtsp-sink: %s\n", qPrintable(error));
         return 1;
     }
-    CountingSink sink;
+    CountingSink sink(QStringLiteral("count"));
     if (dumpPath && !(sink.dump = std::fopen(dumpPath, "wb"))) {
         std::fprintf(stderr, "rtsp-sink: cannot write %s\n", dumpPath);
         return 1;
@@ -104,15 +67,10 @@ int main(int argc, char** argv)
     VeskHost::link(node, &sink, VeskHost::LinkA | VeskHost::LinkV);
 
     bool ready = false;
-    QString end;
-    auto finish = [&](const QString& why) {
-        if (!end.isEmpty()) return;
-        end = why;
-        app.quit();
-    };
+    RunEnd finish;
     QObject::connect(&graph, &VeskGraph::nodeEvent, &app,
                      [&](const QString&, const QString& event, const QVariant&) {
-                         if (verbose) std::fprintf(stderr, "event %s\n", qPrintable(event));
+                         if (verboseLog) std::fprintf(stderr, "event %s\n", qPrintable(event));
                          if (event == QLatin1String("ready")) ready = true;
                          if (event == QLatin1String("timeout") || event == QLatin1String("error"))
                              finish(event);
@@ -139,13 +97,7 @@ int main(int argc, char** argv)
     app.exec();
 
     graph.stop(QStringLiteral("rtsp"));
-    // Packets already queued for the sink are counted before it is read.
-    VeskGraph::runIn(&sink, [] {});
-    const quint64 dropped = VeskHost::droppedPackets(&sink, VeskHost::LinkA) +
-                            VeskHost::droppedPackets(&sink, VeskHost::LinkV);
-    VeskHost::detach(&sink);
-    QThread* home = QThread::currentThread();
-    VeskGraph::runIn(&sink, [&] { sink.moveToThread(home); });
+    const quint64 dropped = sink.takeBack();
     graph.shutdown();
     own.quit();
     own.wait();
@@ -155,8 +107,10 @@ int main(int argc, char** argv)
         "vesk video_packets=%lld video_bytes=%lld key_packets=%lld bad_start=%lld "
         "audio_packets=%lld dropped=%llu end=%s\n",
         static_cast<long long>(sink.videoPackets.load()),
-        static_cast<long long>(sink.videoBytes.load()), static_cast<long long>(sink.keyPackets),
-        static_cast<long long>(sink.badStart), static_cast<long long>(sink.audioPackets),
-        static_cast<unsigned long long>(dropped), qPrintable(end));
+        static_cast<long long>(sink.videoBytes.load()),
+        static_cast<long long>(sink.keyPackets.load()),
+        static_cast<long long>(sink.badStart.load()),
+        static_cast<long long>(sink.audioPackets.load()), static_cast<unsigned long long>(dropped),
+        qPrintable(finish.why));
     return ready && sink.videoPackets.load() > 0 ? 0 : 1;
 }

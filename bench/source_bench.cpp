@@ -15,6 +15,7 @@
 // packet per zero-length timer event, the file source one per 5 ms tick), so
 // the same timers firing into an empty handler are measured too: that much
 // of a source's figure is its design's floor in this event loop.
+#include "bench/cpu_window.h"
 #include "frame/VeskObject.h"
 #include "host/VeskGraph.h"
 #include "host/VeskHost.h"
@@ -35,19 +36,11 @@ extern "C" {
 #include <QTimerEvent>
 #include <atomic>
 #include <cstdio>
-#include <ctime>
 #include <functional>
 
 namespace {
 
 constexpr int kRuns = 3;
-
-double cpuNow()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
-}
 
 double childrenCpu()
 {
@@ -78,54 +71,32 @@ Result best(const QString& name, const std::function<Result()>& run)
 // Counts every packet and notes the process CPU time at two of them.
 class CountingSink : public VeskObject {
 public:
-    CountingSink(qint64 from, qint64 to) : from(from), to(to)
+    CountingSink(qint64 from, qint64 to) : window(from, to)
     {
         setName(QStringLiteral("count"));
         shareDepth = 64;
     }
-    void onNewPacketA(VeskObject::Packet) override { tick(); }
-    void onNewPacketV(VeskObject::Packet) override { tick(); }
+    void onNewPacketA(VeskObject::Packet) override { window.note(); }
+    void onNewPacketV(VeskObject::Packet) override { window.note(); }
 
-    std::atomic<qint64> count{0};
-    std::atomic<bool> done{false};
-    double cpuFrom = 0, cpuTo = 0;
-
-private:
-    void tick()
-    {
-        const qint64 n = ++count;
-        if (n == from) cpuFrom = cpuNow();
-        if (n == to) {
-            cpuTo = cpuNow();
-            done = true;
-        }
-    }
-    qint64 from, to;
+    CpuWindow window;
 };
 
 // A timer firing into an empty handler, counted like the sink counts.
 class Ticker : public QObject {
 public:
-    Ticker(int interval, qint64 from, qint64 to) : interval(interval), from(from), to(to) {}
+    Ticker(int interval, qint64 from, qint64 to) : window(from, to), interval(interval) {}
     void begin() { startTimer(interval, Qt::CoarseTimer); }
-    std::atomic<bool> done{false};
-    double cpuFrom = 0, cpuTo = 0;
+    CpuWindow window;
 
 protected:
     void timerEvent(QTimerEvent* e) override
     {
-        const qint64 n = ++count;
-        if (n == from) cpuFrom = cpuNow();
-        if (n == to) {
-            cpuTo = cpuNow();
-            killTimer(e->timerId());
-            done = true;
-        }
+        if (window.note()) killTimer(e->timerId());
     }
 
 private:
     int interval;
-    qint64 count = 0, from, to;
 };
 
 Result timerFloor(int interval, qint64 events)
@@ -136,7 +107,7 @@ Result timerFloor(int interval, qint64 events)
     ticker.moveToThread(&thread);
     QMetaObject::invokeMethod(
         &ticker, [&] { ticker.begin(); }, Qt::QueuedConnection);
-    while (!ticker.done) QThread::msleep(5);
+    while (!ticker.window.done) QThread::msleep(5);
     QThread* home = QThread::currentThread();
     QMetaObject::invokeMethod(
         &ticker, [&] { ticker.moveToThread(home); }, Qt::BlockingQueuedConnection);
@@ -144,7 +115,7 @@ Result timerFloor(int interval, qint64 events)
     thread.wait();
     Result r;
     r.packets = events;
-    r.cpu = ticker.cpuTo - ticker.cpuFrom;
+    r.cpu = ticker.window.seconds();
     return r;
 }
 
@@ -189,7 +160,7 @@ Result source(const QString& cls, const QVariantMap& data, qint64 from, qint64 t
     graph.start(QStringLiteral("src"));
     QElapsedTimer t;
     t.start();
-    while (!sink.done && t.elapsed() < 600000) QThread::msleep(20);
+    while (!sink.window.done && t.elapsed() < 600000) QThread::msleep(20);
     VeskHost::detach(&sink);
     QThread* home = QThread::currentThread();
     QMetaObject::invokeMethod(
@@ -197,14 +168,14 @@ Result source(const QString& cls, const QVariantMap& data, qint64 from, qint64 t
     graph.shutdown();
     const quint64 dropped = VeskHost::droppedPackets(&sink, VeskHost::LinkA) +
                             VeskHost::droppedPackets(&sink, VeskHost::LinkV);
-    if (!sink.done || dropped) {
+    if (!sink.window.done || dropped) {
         std::fprintf(stderr, "source-bench: %s: %lld packets counted, %llu dropped\n",
-                     qPrintable(cls), static_cast<long long>(sink.count.load()),
+                     qPrintable(cls), static_cast<long long>(sink.window.count.load()),
                      static_cast<unsigned long long>(dropped));
         return r;
     }
     r.packets = to - from;
-    r.cpu = sink.cpuTo - sink.cpuFrom;
+    r.cpu = sink.window.seconds();
     return r;
 }
 

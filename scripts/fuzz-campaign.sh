@@ -20,6 +20,8 @@
 set -euo pipefail
 
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# shellcheck source=scripts/lib.sh
+. "$repo/scripts/lib.sh"
 runs=10000000
 jobs=2
 build="$repo/build-fuzz"
@@ -39,21 +41,9 @@ done
 [[ $runs =~ ^[1-9][0-9]*$ ]] || { echo "--runs needs a number above 0: $runs" >&2; exit 2; }
 [[ $jobs =~ ^[1-9][0-9]*$ ]] || { echo "--jobs needs a number above 0: $jobs" >&2; exit 2; }
 if [[ ${#targets[@]} -eq 0 ]]; then
-    for f in "$repo"/tests/fuzz/fuzz_*.cpp; do
-        f=${f##*/fuzz_}
-        targets+=("${f%.cpp}")
-    done
+    mapfile -t targets < <(vesk_fuzz_targets)
 fi
-command -v clang++ >/dev/null || { echo "clang++ not found (apt-get install clang)" >&2; exit 2; }
-
-echo "== building fuzz targets in $build"
-mkdir -p "$build"
-cmake -S "$repo/tests/fuzz" -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DVESK_FUZZ=ON \
-    >"$build/configure.log" 2>&1 || { cat "$build/configure.log"; exit 1; }
-cmake --build "$build" -j"$(nproc)" >"$build/build.log" 2>&1 || { cat "$build/build.log"; exit 1; }
-for t in "${targets[@]}"; do
-    [[ -x $build/fuzz_$t ]] || { echo "no such target: $t" >&2; exit 2; }
-done
+vesk_fuzz_build "$build" "${targets[@]}"
 
 work="$build/campaign"
 mkdir -p "$work" "$build/artifacts"
@@ -64,8 +54,10 @@ duration() {
 
 # One target: the run, the merge, and one line "status|runs|cov|seconds|
 # corpus files|finding" in campaign/TARGET.result.
+# shellcheck disable=SC2317 # called through vesk_parallel
 campaign() {
     local t=$1
+    rm -f "$work/$t.result"
     local log="$work/$t.log" found="$work/$t.new" merged="$work/$t.merged"
     local corpus="$repo/tests/fuzz/corpus/$t" seeds="$repo/tests/fuzz/seeds/$t"
     rm -rf "$found" "$merged"
@@ -105,17 +97,7 @@ campaign() {
 }
 
 echo "== ${#targets[@]} targets to $runs runs each, $jobs at a time (logs in $work)"
-running=0
-for t in "${targets[@]}"; do
-    rm -f "$work/$t.result"
-    if [[ $running -ge $jobs ]]; then
-        wait -n || true
-        running=$((running - 1))
-    fi
-    campaign "$t" &
-    running=$((running + 1))
-done
-wait || true
+vesk_parallel "$jobs" campaign "${targets[@]}"
 
 table="$build/campaign.md"
 {

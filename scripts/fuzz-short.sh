@@ -17,6 +17,8 @@
 set -euo pipefail
 
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# shellcheck source=scripts/lib.sh
+. "$repo/scripts/lib.sh"
 seconds=20
 build="$repo/build-fuzz"
 jobs=2
@@ -35,30 +37,19 @@ if [[ $# -gt 0 && $1 =~ ^[0-9]+$ ]]; then
 fi
 targets=("$@")
 if [[ ${#targets[@]} -eq 0 ]]; then
-    for f in "$repo"/tests/fuzz/fuzz_*.cpp; do
-        f=${f##*/fuzz_}
-        targets+=("${f%.cpp}")
-    done
+    mapfile -t targets < <(vesk_fuzz_targets)
 fi
 [[ $seconds =~ ^[0-9]+$ ]] || { echo "seconds must be a number: $seconds" >&2; exit 2; }
 [[ $jobs =~ ^[1-9][0-9]*$ ]] || { echo "jobs must be a number above 0: $jobs" >&2; exit 2; }
 
-command -v clang++ >/dev/null || { echo "clang++ not found (apt-get install clang)" >&2; exit 2; }
-
-echo "== building fuzz targets in $build"
-mkdir -p "$build"
-cmake -S "$repo/tests/fuzz" -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DVESK_FUZZ=ON \
-    >"$build/configure.log" 2>&1 || { cat "$build/configure.log"; exit 1; }
-cmake --build "$build" -j"$(nproc)" >"$build/build.log" 2>&1 || { cat "$build/build.log"; exit 1; }
-for t in "${targets[@]}"; do
-    [[ -x $build/fuzz_$t ]] || { echo "no such target: $t" >&2; exit 2; }
-done
+vesk_fuzz_build "$build" "${targets[@]}"
 
 mkdir -p "$build/artifacts" "$build/logs" "$build/results"
 
 # One target: its run, then one summary line in BUILD_DIR/results/TARGET.
 run() {
     local t=$1 log="$build/logs/$1.log" status=clean
+    rm -f "$build/results/$t"
     local dirs=("$build/corpus/$t")
     mkdir -p "$build/corpus/$t"
     for d in "$repo/tests/fuzz/corpus/$t" "$repo/tests/fuzz/seeds/$t"; do
@@ -82,17 +73,7 @@ run() {
 }
 
 echo "== ${#targets[@]} targets for ${seconds}s each, $jobs at a time"
-running=0
-for t in "${targets[@]}"; do
-    rm -f "$build/results/$t"
-    if [[ $running -ge $jobs ]]; then
-        wait -n || true
-        running=$((running - 1))
-    fi
-    run "$t" &
-    running=$((running + 1))
-done
-wait || true
+vesk_parallel "$jobs" run "${targets[@]}"
 
 echo
 echo "== fuzz summary (${seconds}s per target, logs in $build/logs)"

@@ -1,6 +1,7 @@
-# Shared by the set-up scripts (sourced, not run): package installs that
-# print one line a step and keep apt's own output in a log, root or sudo,
-# and the Debian mirror this machine uses. Nothing here may end a script
+# Shared by the scripts (sourced, not run): package installs that print one
+# line a step and keep apt's own output in a log, root or sudo, the Debian
+# mirror this machine uses, builds (the fuzz targets' too), and work run a
+# few jobs at a time. Nothing here may end a script
 # because a machine lacks an optional file: no command whose failure is
 # harmless stands in a pipeline under `set -e -o pipefail`.
 
@@ -109,4 +110,50 @@ vesk_build() {
     return 1
   fi
   echo "build: $dir built in $((SECONDS - start)) s"
+}
+
+# vesk_parallel JOBS FUNCTION ITEM...: runs FUNCTION ITEM for every item in the
+# background, JOBS at a time, and returns once all have ended, whatever
+# their status: each job reports for itself.
+vesk_parallel() {
+  local jobs=$1 task=$2 item running=0
+  shift 2
+  for item in "$@"; do
+    if [[ $running -ge $jobs ]]; then
+      wait -n || true
+      running=$((running - 1))
+    fi
+    "$task" "$item" &
+    running=$((running + 1))
+  done
+  wait || true
+}
+
+# The fuzz targets: every name X of tests/fuzz/fuzz_X.cpp, one a line.
+vesk_fuzz_targets() {
+  local f top
+  top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+  for f in "$top"/tests/fuzz/fuzz_*.cpp; do
+    f=${f##*/fuzz_}
+    echo "${f%.cpp}"
+  done
+}
+
+# vesk_fuzz_build BUILD_DIR TARGET...: builds the fuzz targets with clang in
+# BUILD_DIR (configure.log and build.log there, shown when a step fails).
+# Ends the script with 1 when the build fails, with 2 when clang++ or one of
+# the targets named is missing.
+vesk_fuzz_build() {
+  local build=$1 top t
+  shift
+  top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+  command -v clang++ >/dev/null || { echo "clang++ not found (apt-get install clang)" >&2; exit 2; }
+  echo "== building fuzz targets in $build"
+  mkdir -p "$build"
+  cmake -S "$top/tests/fuzz" -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DVESK_FUZZ=ON \
+    >"$build/configure.log" 2>&1 || { cat "$build/configure.log"; exit 1; }
+  cmake --build "$build" -j"$(nproc)" >"$build/build.log" 2>&1 || { cat "$build/build.log"; exit 1; }
+  for t in "$@"; do
+    [[ -x $build/fuzz_$t ]] || { echo "no such target: $t" >&2; exit 2; }
+  done
 }

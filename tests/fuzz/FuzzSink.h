@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "input/RtpMedia.h"
+#include "tests/fuzz/FuzzInput.h"
 
 struct FuzzSink : RtspMediaSink {
     // Enough for the buffers a target holds between two releases; beyond it
@@ -99,8 +100,11 @@ inline RtspMedia& freshMedia(FuzzSink& sink)
     return media;
 }
 
-// Log lines would only slow the fuzzer down.
-inline void silenceQtLog()
+// The input in a buffer of exactly its size (one byte for an empty one), so
+// that the sanitizer sees any read past its end.
+inline std::unique_ptr<unsigned char[]> exactCopy(const uint8_t* data, size_t size)
 {
-    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+    std::unique_ptr<unsigned char[]> copy(new unsigned char[size ? size : 1]);
+    if (size) memcpy(copy.get(), data, size);
+    return copy;
 }

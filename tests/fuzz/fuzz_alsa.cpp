@@ -13,17 +13,10 @@
 
 #include "host/VeskHost.h"
 #include "input/AlsaResolver.h"
+#include "tests/fuzz/FuzzInput.h"
 #include "tests/fuzz/FuzzSys.h"
 
 namespace {
-
-void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
-
-QByteArray bytes(FuzzedDataProvider& in, size_t max)
-{
-    const std::string s = in.ConsumeRandomLengthString(max);
-    return QByteArray(s.data(), int(s.size()));
-}
 
 // What a board description or a caller may put under a key.
 QVariant value(FuzzedDataProvider& in)
@@ -92,7 +85,7 @@ void resolve(const uint8_t* data, size_t size)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    qInstallMessageHandler(quiet);
+    silenceQtLog();
     return 0;
 }
 

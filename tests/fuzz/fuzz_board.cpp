@@ -31,11 +31,10 @@
 #include "input/VeskInputAi.h"
 #include "input/VeskInputVi.h"
 #include "output/VeskOutputAo.h"
+#include "tests/fuzz/FuzzInput.h"
 #include "tests/fuzz/FuzzSys.h"
 
 namespace {
-
-void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 // Nodes per side: enough to meet shared drivers and names twice.
 constexpr int kNodes = 3;
@@ -169,7 +168,7 @@ void forget()
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
-    qInstallMessageHandler(quiet);
+    silenceQtLog();
     // The bus layer reports failed transfers with printf.
     if (!std::freopen("/dev/null", "w", stdout)) std::abort();
     new QCoreApplication(*argc, *argv);

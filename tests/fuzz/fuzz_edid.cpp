@@ -16,17 +16,10 @@
 #include "driver/video/Driver7611.h"
 #include "driver/video/DriverTC7509.h"
 #include "driver/video/ms7200/ms7200_app.h"
+#include "tests/fuzz/FuzzInput.h"
 #include "tests/fuzz/FuzzSys.h"
 
 namespace {
-
-void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
-
-QByteArray bytes(FuzzedDataProvider& in, size_t max)
-{
-    const std::string s = in.ConsumeRandomLengthString(max);
-    return QByteArray(s.data(), int(s.size()));
-}
 
 QVariant value(FuzzedDataProvider& in)
 {
@@ -101,7 +94,7 @@ void load(const uint8_t* data, size_t size)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    qInstallMessageHandler(quiet);
+    silenceQtLog();
     // The bus layer reports failed transfers with printf.
     if (!std::freopen("/dev/null", "w", stdout)) std::abort();
     return 0;

@@ -19,17 +19,10 @@
 
 #include "device/VeskDevice.h"
 #include "device/VeskGPIO.h"
+#include "tests/fuzz/FuzzInput.h"
 #include "tests/fuzz/FuzzSys.h"
 
 namespace {
-
-void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
-
-QByteArray bytes(FuzzedDataProvider& in, size_t max)
-{
-    const std::string s = in.ConsumeRandomLengthString(max);
-    return QByteArray(s.data(), int(s.size()));
-}
 
 // A read that is not a whole answer: a short or odd block, a retry, an
 // error that ends the descriptor.
@@ -184,7 +177,7 @@ void infraRed(FuzzedDataProvider& in)
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
-    qInstallMessageHandler(quiet);
+    silenceQtLog();
     // Notifiers deliver through the application's event handling.
     new QCoreApplication(*argc, *argv);
     return 0;

@@ -12,15 +12,12 @@
 
 #include "driver/mcu/DriverVesk.h"
 #include "driver/mcu/McuLine.h"
-
-namespace {
-void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
-}  // namespace
+#include "tests/fuzz/FuzzInput.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static DriverVesk* video = [] {
-        qInstallMessageHandler(quiet);
+        silenceQtLog();
         // Never opened: what the slots send goes nowhere.
         DriverVesk::com = new QSerialPort;
         auto* d = new DriverVesk;

@@ -9,17 +9,10 @@
 //   dropped again and again.)
 #include "tests/fuzz/FuzzSink.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    silenceQtLog();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 1) return 0;
     static FuzzSink sink;
-    sink.release();
     RtspMedia& media = freshMedia(sink);
     const uint8_t mode = data[0];
     static const int audioTypes[] = {VeskObject::TypeAAC, VeskObject::TypePCMA, VeskObject::TypeMP3,

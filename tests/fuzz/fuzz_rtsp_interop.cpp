@@ -12,63 +12,16 @@
 //   the rest: the bytes of the connection.
 #include <QMap>
 #include <QString>
-#include <algorithm>
-#include <cstring>
 #include <memory>
 
 #include "input/RtspInterop.h"
-#include "input/RtspReader.h"
-#include "tests/fuzz/FuzzSink.h"
+#include "tests/fuzz/FuzzRtsp.h"
 
 namespace {
 
-class Segments : public RtspByteSource {
-public:
-    Segments(const char* d, size_t n) : data(d), size(n) {}
-    bool connected() const override { return true; }
-    int64_t available() const override { return int64_t(limit - pos); }
-    bool canReadLine() const override { return memchr(data + pos, '\n', limit - pos) != nullptr; }
-    QByteArray readLine(int64_t max) override
-    {
-        size_t n = 0;
-        while (pos + n < limit && int64_t(n) < max) {
-            if (data[pos + n++] == '\n') break;
-        }
-        QByteArray line(data + pos, int(n));
-        pos += n;
-        return line;
-    }
-    int64_t read(char* to, int64_t max) override
-    {
-        const size_t n = std::min<size_t>(size_t(max), limit - pos);
-        memcpy(to, data + pos, n);
-        pos += n;
-        return int64_t(n);
-    }
-    QByteArray readAll() override
-    {
-        QByteArray rest(data + pos, int(limit - pos));
-        pos = limit;
-        return rest;
-    }
-    bool more(size_t segment)
-    {
-        if (limit == size) return false;
-        limit = segment == 0 ? size : std::min(size, limit + segment);
-        return true;
-    }
-
-private:
-    const char* data;
-    size_t size;
-    size_t pos = 0;
-    size_t limit = 0;
-};
-
-class Session : public RtspReaderClient {
+class Session : public ReaderSession {
 public:
     Session(RtspMedia& m, FuzzSink& s) : media(m), sink(s) {}
-    uint32_t sessionStep() const override { return step; }
     void reply(const QMap<QString, QString>& msg) override
     {
         const rtspinterop::Transport t =
@@ -90,13 +43,6 @@ public:
                rtspinterop::resolveControl(c.session, base).size();
         if (msg.value(QStringLiteral("H2")) == QLatin1String("200") && step < 5) ++step;
     }
-    char* frameBuffer(int len) override
-    {
-        if (len < 0 || len > 65535) __builtin_trap();
-        current.reset(new char[size_t(len) + 20]);
-        return current.get() + 20;
-    }
-    void keepAliveDue() override { ++sum; }
     void frame(uint8_t channel, char* buf, int len) override
     {
         if (!buf) return;
@@ -121,10 +67,6 @@ public:
         if ((video ? reorderV : reorderA).due(now) > 50000)
             (video ? reorderV : reorderA).expire(now + 50000, deliver);
     }
-    void log(const QString&) override {}
-
-    uint32_t step = 0;
-    unsigned sum = 0;
     int64_t now = 0;
     rtspinterop::RtpReorder reorderV, reorderA;
 
@@ -133,16 +75,9 @@ private:
     FuzzSink& sink;
     rtspinterop::Auth auth;
     rtspinterop::RtpStats statsV, statsA;
-    std::unique_ptr<char[]> current;
 };
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    silenceQtLog();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -157,19 +92,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     media.clockA = 8000;
 
     Session session(media, sink);
-    session.step = mode & 8 ? 5 : 0;
     RtspReader reader(session);
     reader.interop = true;
-    const size_t segment = (mode & 7) ? size_t(1) << (mode & 7) : 0;
-    Segments in(reinterpret_cast<const char*>(data + 1), size - 1);
-    for (int n = 1; in.more(segment); ++n) {
-        reader.read(in);
-        if (sink.held > 64) sink.release();
-        if ((mode & 32) && n % 8 == 0) {
-            reader.reset();
-            session.step = 0;
-        }
-    }
+    readConnection(reader, session, sink, data, size);
     // Whatever still waits for its turn leaves at the end.
     auto flush = [&](bool video) {
         return [&, video](char* b, int n, bool held) {

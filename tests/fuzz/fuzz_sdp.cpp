@@ -4,16 +4,9 @@
 
 #include "tests/fuzz/FuzzSink.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    silenceQtLog();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static FuzzSink sink;
-    sink.release();
     RtspMedia& media = freshMedia(sink);
     const QString sdp = QString::fromUtf8(reinterpret_cast<const char*>(data), int(size));
     media.parseSDP(sdp, QStringLiteral("rtsp://127.0.0.1:554/live"));
