@@ -70,7 +70,6 @@ public:
     // VeskDispatcher); 0, the default, serves sockets as soon as they are
     // ready. The environment's VESK_COALESCE_MS sets it for a whole process.
     void setCoalesceMs(int ms) { coalesceMs = std::max(ms, 0); }
-    int coalesce() const { return coalesceMs; }
 
 signals:
     // Every event of every node, and every stream announcement as "infoA" or
