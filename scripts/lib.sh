@@ -1,9 +1,9 @@
 # Shared by the scripts (sourced, not run): package installs that print one
 # line a step and keep apt's own output in a log, root or sudo, the Debian
 # mirror this machine uses, builds (the fuzz targets' too), and work run a
-# few jobs at a time. Nothing here may end a script
-# because a machine lacks an optional file: no command whose failure is
-# harmless stands in a pipeline under `set -e -o pipefail`.
+# few jobs at a time. Nothing here may end a script because a machine lacks
+# an optional file: no command whose failure is harmless stands in a
+# pipeline under `set -e -o pipefail`.
 
 VESK_LOG_DIR=${VESK_LOG_DIR:-${TMPDIR:-/tmp}/vesk-setup}
 VESK_APT_LOG=$VESK_LOG_DIR/apt.log
