@@ -24,6 +24,37 @@ int64_t nowNs()
 
 // The dispatcher whose loop runs in this thread.
 thread_local VeskDispatcher* running = nullptr;
+
+// Handlers of this thread's loop under way (a handler may spin the loop),
+// and what they left for when they return.
+thread_local int handlers = 0;
+thread_local std::vector<void (*)()> afterHandler;
+
+void runAfterHandler()
+{
+    while (!afterHandler.empty()) {
+        std::vector<void (*)()> fns;
+        fns.swap(afterHandler);
+        for (void (*fn)() : fns) fn();
+    }
+}
+
+// Around the call into a socket's or a timer's handler, where a source's
+// bursts start; what it left runs as it returns, also when it was nested in
+// another. Posted events are not handlers in this sense: whoever posted one
+// and waits for it (a blocking call into this thread) may count on what it
+// sent being on its way when the wait ends.
+struct HandlerScope {
+    HandlerScope() { ++handlers; }
+    ~HandlerScope()
+    {
+        --handlers;
+        runAfterHandler();
+    }
+    HandlerScope(const HandlerScope&) = delete;
+    HandlerScope& operator=(const HandlerScope&) = delete;
+};
+
 constexpr uint32_t kTypeEvents[3] = {EPOLLIN, EPOLLOUT, EPOLLPRI};
 // Hang-up and error wake a reader and a writer alike, as poll() reports them.
 constexpr uint32_t kTypeReady[3] = {EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR,
@@ -77,6 +108,8 @@ bool VeskDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
         if (interrupted.load() || wakePending.load()) timeoutMs = 0;
     }
 
+    // A handler that spins the loop may have left work it expects done.
+    runAfterHandler();
     int64_t windowNs = 0;
     if (coalesceNs > 0 && socketsServedNs > 0) windowNs = socketsServedNs + coalesceNs - nowNs();
     epoll_event events[64];
@@ -142,6 +175,7 @@ bool VeskDispatcher::activate(int fd, uint32_t ready)
         QSocketNotifier* n = it->second.notifier[type];
         if (!n) continue;
         QEvent e(QEvent::SockAct);
+        HandlerScope scope;
         QCoreApplication::sendEvent(n, &e);
         did = true;
     }
@@ -261,11 +295,22 @@ bool VeskDispatcher::fireTimers()
         if (t->dueNs <= now) t->dueNs = now + step;
         t->firing = true;
         QObject* object = t->object;
-        QTimerEvent e(id);
-        QCoreApplication::sendEvent(object, &e);
+        {
+            QTimerEvent e(id);
+            HandlerScope scope;
+            QCoreApplication::sendEvent(object, &e);
+        }
         if (Timer* again = timer(id)) again->firing = false;
     }
     return !due.empty();
+}
+
+bool VeskDispatcher::whenHandlerReturns(void (*fn)())
+{
+    if (handlers == 0) return false;
+    if (std::find(afterHandler.begin(), afterHandler.end(), fn) == afterHandler.end())
+        afterHandler.push_back(fn);
+    return true;
 }
 
 void VeskDispatcher::wakeUp()

@@ -13,6 +13,11 @@
 // segments that arrive meanwhile are read in one wake-up instead of one
 // each; posted events and timers are served on time throughout. The cost is
 // up to the window's length of delay on what a socket brings.
+//
+// A handler may leave work for when it has returned to the loop
+// (whenHandlerReturns): the host uses it to wake a receiver's thread once for
+// all the packets a handler sends it, not once for each that happens to find
+// that thread asleep.
 #pragma once
 
 #include <QAbstractEventDispatcher>
@@ -39,6 +44,13 @@ public:
     bool unregisterTimers(QObject* object) override;
     QList<TimerInfo> registeredTimers(QObject* object) const override;
     int remainingTime(int timerId) override;
+
+    // `fn` runs as soon as the socket's or timer's handler under way in the
+    // calling thread has returned to one of these loops, and before that
+    // loop could wait; once however often it is asked for meanwhile. False
+    // when the calling thread is in no such handler (a posted event's
+    // included): the caller then does the work at once.
+    static bool whenHandlerReturns(void (*fn)());
 
     void wakeUp() override;
     void interrupt() override;

@@ -8,6 +8,7 @@
 #include <QThread>
 #include <mutex>
 
+#include "host/VeskDispatcher.h"
 #include "host/VeskHost.h"
 #include "host/VeskObjectPrivate.h"
 
@@ -93,22 +94,62 @@ void drain(VeskObject* to, const std::shared_ptr<VeskInbox>& box)
     box->inDrain = nested;
 }
 
+void queueDrain(VeskObject* to, const std::shared_ptr<VeskInbox>& box)
+{
+    std::shared_ptr<VeskInbox> hold = box;
+    QMetaObject::invokeMethod(
+        to, [to, hold] { drain(to, hold); }, Qt::QueuedConnection);
+}
+
+// Inboxes whose drain this thread's handler has left for when it returns.
+thread_local std::vector<std::shared_ptr<VeskInbox>> dueDrains;
+
+void queueDueDrains()
+{
+    std::vector<std::shared_ptr<VeskInbox>> boxes;
+    boxes.swap(dueDrains);
+    for (const std::shared_ptr<VeskInbox>& box : boxes) {
+        // Under the lock: the node cannot go while its drain is queued.
+        std::lock_guard<std::mutex> lock(box->mutex);
+        // A call since, or the node's end, has settled it meanwhile.
+        if (!box->deferred || !box->owner) continue;
+        box->deferred = false;
+        queueDrain(box->owner, box);
+    }
+}
+
 // Queues one item for `to`, and the drain that delivers it unless one is
 // queued already. Caller holds the sender's linkMutex.
+//
+// A packet sent from a socket's or a timer's handler in a node thread has
+// its drain queued only when that handler returns: a source that sends a
+// burst from one handler wakes each receiver's thread once for all of it,
+// where a drain queued at once often found the receiver asleep again after
+// a few packets and woke it anew (four wake-ups for a burst of 32). Calls
+// (announcements, events, detachments) are not held back; one queues the
+// drain at once, for the packets before it too.
 void enqueue(VeskObject* to, VeskInbox::Item&& item)
 {
     const std::shared_ptr<VeskInbox>& box = to->d->inbox;
+    const bool packet = item.side >= 0;
     bool wake = false;
     {
         std::lock_guard<std::mutex> lock(box->mutex);
         box->items.push_back(std::move(item));
-        wake = !box->scheduled;
-        box->scheduled = true;
+        if (!box->scheduled) {
+            box->scheduled = true;
+            if (packet && VeskDispatcher::whenHandlerReturns(&queueDueDrains)) {
+                box->deferred = true;
+                dueDrains.push_back(box);
+            } else {
+                wake = true;
+            }
+        } else if (!packet && box->deferred) {
+            box->deferred = false;
+            wake = true;
+        }
     }
-    if (!wake) return;
-    std::shared_ptr<VeskInbox> hold = box;
-    QMetaObject::invokeMethod(
-        to, [to, hold] { drain(to, hold); }, Qt::QueuedConnection);
+    if (wake) queueDrain(to, box);
 }
 
 // Caller holds from's linkMutex.
@@ -305,11 +346,17 @@ QVariant invokeHere(VeskObject* self, const QString& method, const QVariant& arg
 VeskObject::VeskObject(QObject* parent) : QObject(parent), d(new VeskObjectPrivate)
 {
     VeskHost::registerMetaTypes();
+    d->inbox->owner = this;
 }
 
 VeskObject::~VeskObject()
 {
     VeskHost::detach(this);
+    {
+        // A drain still due in a sender's thread is not queued for us now.
+        std::lock_guard<std::mutex> lock(d->inbox->mutex);
+        d->inbox->owner = nullptr;
+    }
     {
         QWriteLocker lock(&lockA);
         d->pinsA.clear();

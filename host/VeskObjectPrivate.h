@@ -37,7 +37,12 @@ struct VeskInbox {
     };
     std::mutex mutex;
     std::vector<Item> items;  // guarded by mutex
-    bool scheduled = false;   // a drain is queued; guarded by mutex
+    bool scheduled = false;   // a drain is queued or due; guarded by mutex
+    // The drain is due but not yet queued: the sending thread queues it once
+    // its handler has returned, for everything sent meanwhile. Guarded by
+    // mutex, as is owner, which the node clears as it goes.
+    bool deferred = false;
+    VeskObject* owner = nullptr;
     // The batch being delivered, kept between drains for its capacity; only
     // the node's thread touches it.
     std::vector<Item> draining;

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <QAbstractEventDispatcher>
+#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QMutex>
 #include <QMutexLocker>
@@ -17,6 +19,7 @@
 #include "frame/VeskObject.h"
 #include "frame/VeskRegister.h"
 #include "host/VeskBuffers.h"
+#include "host/VeskDispatcher.h"
 #include "host/VeskGraph.h"
 #include "host/VeskHost.h"
 
@@ -335,6 +338,112 @@ TEST(Packets, ASendersOrderHoldsAcrossKindsAndANodeThreadRunsTimersAndSocketsToo
         gate.open();
     }
     EXPECT_EQ(vhost::liveBlocks(), blocksBefore);
+}
+
+// A source's timer sends bursts with a little work between the packets, as
+// a network source does for each record of a read. However soon the
+// receiver's thread could run, it wakes at most once a burst; an event sent
+// in the middle of one still goes at once, behind the packets before it.
+TEST(Packets, ATimersBurstWakesItsReceiverOnceAndEventsAreNotHeldBack)
+{
+    constexpr int kBursts = 8, kPerBurst = 16, kMarked = 3;
+    class Sink : public VeskObject {
+    public:
+        void onNewPacketV(VeskObject::Packet p) override
+        {
+            QMutexLocker l(&mutex);
+            got << qMakePair(p.pts, wakes.load());
+        }
+        void onNewEvent(QString, QVariant) override
+        {
+            {
+                QMutexLocker l(&mutex);
+                got << qMakePair(qint64(-1), wakes.load());
+            }
+            marked.release();
+        }
+        QMutex mutex;
+        QList<QPair<qint64, int>> got;  // pts (-1: the event), wake-up it came in
+        std::atomic<int> wakes{0};
+        QSemaphore marked;
+    };
+    QThread srcThread, dstThread;
+    srcThread.setEventDispatcher(new VeskDispatcher);
+    dstThread.setEventDispatcher(new VeskDispatcher);
+    srcThread.start();
+    dstThread.start();
+    VeskObject src;
+    Sink sink;
+    sink.shareDepth = 8;  // a loaded machine may hold the receiver back a few bursts
+    src.moveToThread(&srcThread);
+    sink.moveToThread(&dstThread);
+    QObject::connect(dstThread.eventDispatcher(), &QAbstractEventDispatcher::awake,
+                     [&] { ++sink.wakes; });
+    VeskHost::link(&src, &sink, VeskHost::LinkV | VeskHost::LinkEvent);
+
+    std::atomic<bool> eventWentAtOnce{true};
+    QTimer* timer = nullptr;
+    int burst = 0;
+    qint64 pts = 0;
+    VeskGraph::runIn(&src, [&] {
+        timer = new QTimer;
+        QObject::connect(timer, &QTimer::timeout, [&] {
+            if (burst == kBursts) return;
+            for (int i = 0; i < kPerBurst; ++i) {
+                Packet p;
+                p.data = src.bufferData(nullptr, 200, 0);
+                p.len = 200;
+                p.pts = ++pts;
+                src.sendPacketV(p);
+                QElapsedTimer spin;
+                spin.start();
+                while (spin.nsecsElapsed() < 50000) {
+                }
+            }
+            // The handler waits for its event to be taken, which it is only
+            // if it was not left for the handler's return.
+            if (burst == kMarked) {
+                src.sendEvent("mark", burst);
+                if (!sink.marked.tryAcquire(1, 5000)) eventWentAtOnce = false;
+            }
+            ++burst;
+        });
+        timer->start(5);
+    });
+    const bool all = waitFor([&] {
+        QMutexLocker l(&sink.mutex);
+        return sink.got.size() == kBursts * kPerBurst + 1;
+    });
+    VeskGraph::runIn(&src, [&] { delete timer; });
+    VeskHost::detach(&src);
+    EXPECT_TRUE(all);
+    EXPECT_TRUE(eventWentAtOnce);
+
+    QList<QPair<qint64, int>> got;
+    {
+        QMutexLocker l(&sink.mutex);
+        got = sink.got;
+    }
+    const int markAt = (kMarked + 1) * kPerBurst;
+    if (all) {
+        EXPECT_EQ(got[markAt].first, -1) << "the event behind its burst's packets";
+        got.removeAt(markAt);
+    }
+    // A late receiver may take one burst with the start of the next: what
+    // counts is one wake-up a burst at most, not one a few packets.
+    int wakeUps = 0;
+    for (int k = 0; all && k < got.size(); ++k) {
+        EXPECT_EQ(got[k].first, k + 1);
+        if (k == 0 || got[k].second != got[k - 1].second) ++wakeUps;
+    }
+    EXPECT_LE(wakeUps, kBursts);
+    QThread* home = QThread::currentThread();
+    VeskGraph::runIn(&src, [&] { src.moveToThread(home); });
+    VeskGraph::runIn(&sink, [&] { sink.moveToThread(home); });
+    srcThread.quit();
+    dstThread.quit();
+    srcThread.wait();
+    dstThread.wait();
 }
 
 // ---- graph -------------------------------------------------------------------
