@@ -64,8 +64,8 @@ campaign() {
     mkdir -p "$found" "$merged" "$corpus"
     local dirs=("$corpus")
     [[ -d $seeds ]] && dirs+=("$seeds")
-    local extra=()
-    [[ -f $repo/tests/fuzz/$t.dict ]] && extra+=(-dict="$repo/tests/fuzz/$t.dict")
+    local extra
+    mapfile -t extra < <(vesk_fuzz_args "$t")
 
     local start status=clean finding=
     start=$(date +%s)
@@ -74,7 +74,7 @@ campaign() {
     # and storing them a quarter of its time. A finding's input re-run alone
     # gets them back.
     if ! ASAN_OPTIONS=${ASAN_OPTIONS:-malloc_context_size=0} \
-        "$build/fuzz_$t" -runs="$runs" -max_len=8192 -timeout=10 -rss_limit_mb=4096 \
+        "$build/fuzz_$t" -runs="$runs" -timeout=10 -rss_limit_mb=4096 \
         -print_final_stats=1 -artifact_prefix="$build/artifacts/$t-" "${extra[@]}" \
         "$found" "${dirs[@]}" >"$log" 2>&1; then
         status=FINDING
@@ -88,7 +88,7 @@ campaign() {
     cov=$(grep -o 'cov: [0-9]*' "$log" | tail -1 | cut -d' ' -f2) || cov=
 
     # The corpus is replaced only by a merge that went through.
-    if "$build/fuzz_$t" -merge=1 -max_len=8192 -timeout=10 -rss_limit_mb=4096 "${extra[@]}" \
+    if "$build/fuzz_$t" -merge=1 -timeout=10 -rss_limit_mb=4096 "${extra[@]}" \
         "$merged" "${dirs[@]}" "$found" >"$work/$t.merge.log" 2>&1; then
         find "$corpus" -type f -delete
         cp "$merged"/* "$corpus"/ 2>/dev/null || true

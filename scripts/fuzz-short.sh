@@ -55,9 +55,9 @@ run() {
     for d in "$repo/tests/fuzz/corpus/$t" "$repo/tests/fuzz/seeds/$t"; do
         [[ -d $d ]] && dirs+=("$d")
     done
-    local extra=()
-    [[ -f $repo/tests/fuzz/$t.dict ]] && extra+=(-dict="$repo/tests/fuzz/$t.dict")
-    if ! "$build/fuzz_$t" -max_total_time="$seconds" -max_len=8192 \
+    local extra
+    mapfile -t extra < <(vesk_fuzz_args "$t")
+    if ! "$build/fuzz_$t" -max_total_time="$seconds" \
         -timeout=10 -rss_limit_mb=4096 -print_final_stats=1 \
         -artifact_prefix="$build/artifacts/$t-" "${extra[@]}" "${dirs[@]}" >"$log" 2>&1; then
         status=FAILED

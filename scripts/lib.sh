@@ -139,6 +139,21 @@ vesk_fuzz_targets() {
   done
 }
 
+# vesk_fuzz_args TARGET: the libFuzzer options of one target, one a line: its
+# -max_len (8192, or "max_len = N" in tests/fuzz/TARGET.options, the
+# [libfuzzer] file libFuzzer's runners read) and its dictionary
+# (tests/fuzz/TARGET.dict) if it has one.
+vesk_fuzz_args() {
+  local t=$1 top max=8192 v
+  top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+  if [[ -f $top/tests/fuzz/$t.options ]]; then
+    v=$(sed -n 's/^ *max_len *= *\([0-9][0-9]*\) *$/\1/p' "$top/tests/fuzz/$t.options" | tail -1)
+    [[ -n $v ]] && max=$v
+  fi
+  echo "-max_len=$max"
+  if [[ -f $top/tests/fuzz/$t.dict ]]; then echo "-dict=$top/tests/fuzz/$t.dict"; fi
+}
+
 # vesk_fuzz_build BUILD_DIR TARGET...: builds the fuzz targets with clang in
 # BUILD_DIR (configure.log and build.log there, shown when a step fails).
 # Ends the script with 1 when the build fails, with 2 when clang++ or one of

@@ -151,6 +151,15 @@ TEST_F(McuLine, FramesAreCutAtTheDelimiterWhateverTheReads)
          {{keyFrame("f") + '\0' + keyFrame("lost"), "f:press"}, {keyFrame("g"), "g:press"}}},
         {"wrong signature", {{"{\"Cmd\":\"onTimer\"}#####{\"Cmd\":\"keyPress\"}#####", ""}}},
         {"several kilobytes", {{keyFrame("big", 6000), "big:press"}}},
+        // Past the cap the oldest text goes; the frame that ends next is whole.
+        // (In pieces the pseudo-terminal's buffer takes at once.)
+        {"noise beyond the cap",
+         [] {
+             QList<Write> pieces;
+             while (pieces.size() * 4000 <= McuFramer::kCap)
+                 pieces << Write{QByteArray(4000, 'x'), ""};
+             return pieces << Write{keyFrame("i"), "i:press"};
+         }()},
         {"delimiter split", {{keyFrame("h").chopped(3), ""}, {"###", "h:press"}}},
     };
     logged.clear();
@@ -167,6 +176,7 @@ TEST_F(McuLine, FramesAreCutAtTheDelimiterWhateverTheReads)
         }
     }
     qInstallMessageHandler(nullptr);
+    EXPECT_GT(count("dropped", true), 0) << "a line without a delimiter grows no further";
     // A method of the command's name that takes no message fails silently.
     EXPECT_FALSE(logged.join("\n").contains("onTimer") || logged.join("\n").contains("keyPress"))
         << logged.join("\n").toStdString();
