@@ -194,7 +194,10 @@ TEST(Demo, HdmiAudioFollowsTheReceiversSampleRate)
     ASSERT_GT(bytes.size() / 4, from + rate);
     int crossings = 0;
     for (int i = from + 1; i < from + rate; ++i) crossings += (s[2 * i] < 0) != (s[2 * i - 2] < 0);
-    EXPECT_NEAR(crossings / 2, 1000, 3) << "the receiver's tone, while at its first rate";
+    // Played at a wrong rate, 44.1 against 48 kHz, the tone would be 81
+    // cycles off; a busy machine may cost the simulated output's real-time
+    // clock a few milliseconds of the second.
+    EXPECT_NEAR(crossings / 2, 1000, 20) << "the receiver's tone, while at its first rate";
 }
 
 struct BadInput {
