@@ -55,6 +55,16 @@ struct HandlerScope {
     HandlerScope& operator=(const HandlerScope&) = delete;
 };
 
+// Posted events, also those a handler's nested loop delivers, run outside
+// any handler.
+void deliverPosted()
+{
+    const int outer = handlers;
+    handlers = 0;
+    QCoreApplication::sendPostedEvents();
+    handlers = outer;
+}
+
 constexpr uint32_t kTypeEvents[3] = {EPOLLIN, EPOLLOUT, EPOLLPRI};
 // Hang-up and error wake a reader and a writer alike, as poll() reports them.
 constexpr uint32_t kTypeReady[3] = {EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR,
@@ -87,7 +97,7 @@ bool VeskDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
     // What was posted before this round goes first; the flag is cleared
     // before, so that an event posted meanwhile wakes the wait below.
     wakePending.store(false);
-    QCoreApplication::sendPostedEvents();
+    deliverPosted();
     bool did = false;
 
     const bool timersToo = !(flags & QEventLoop::X11ExcludeTimers);
@@ -153,7 +163,7 @@ bool VeskDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
     if (timersToo) did = fireTimers() || did;
     if (posted) {
         wakePending.store(false);
-        QCoreApplication::sendPostedEvents();
+        deliverPosted();
         did = true;
     }
     return did;
