@@ -204,13 +204,16 @@ double gstPerBuffer(bool queue, qint64 buffers)
     return (gstRun(pipeline(buffers)) - gstRun(pipeline(1))) / double(buffers - 1);
 }
 
+// Keeps the lower of two figures in `b`, never a failed run's (NaN).
+void keepLower(double& b, double v)
+{
+    if (std::isfinite(v) && !(v >= b)) b = v;
+}
+
 double best(int runs, const std::function<double()>& run)
 {
     double b = std::nan("");
-    for (int i = 0; i < runs; ++i) {
-        const double v = run();
-        if (std::isfinite(v) && (!std::isfinite(b) || v < b)) b = v;
-    }
+    for (int i = 0; i < runs; ++i) keepLower(b, run());
     return b;
 }
 
@@ -233,14 +236,10 @@ int main(int argc, char** argv)
     VeskHost::registerMetaTypes();
 
     double timer = std::nan(""), cross = timer, same = timer;
-    // The lower of two figures, a failed run's (NaN) never.
-    auto keep = [](double& b, double v) {
-        if (std::isfinite(v) && !(v >= b)) b = v;
-    };
     for (int i = 0; i < runs; ++i) {
-        keep(timer, timerRun(packets, burst));
-        keep(cross, hostRun(false, packets, burst));
-        keep(same, hostRun(true, packets, burst));
+        keepLower(timer, timerRun(packets, burst));
+        keepLower(cross, hostRun(false, packets, burst));
+        keepLower(same, hostRun(true, packets, burst));
     }
     const qint64 buffers = packets * 5;
     const double gstQueue = best(runs, [&] { return gstPerBuffer(true, buffers); });
